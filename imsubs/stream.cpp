@@ -1,0 +1,2 @@
+// Placeholder until the stream table lands.
+#include "imsubs/imsubs.h"

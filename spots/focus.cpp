@@ -1,0 +1,1 @@
+#include "spots/spots.h"

@@ -1,0 +1,1 @@
+#include "trsolver/trsolver.h"
