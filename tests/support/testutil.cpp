@@ -109,7 +109,10 @@ RunResult runAndSignal(const std::string& program, const std::vector<std::string
   auto start = Clock::now();
   bool sent = false;
   return collect(child, maxWaitSeconds + 30.0, [&] {
-    if (!sent && (fileExists(triggerPath) || secondsSince(start) > maxWaitSeconds)) {
+    bool triggered = !triggerPath.empty() && !readFile(triggerPath).empty();
+    if (!sent && (triggered || secondsSince(start) > maxWaitSeconds)) {
+      // Let the writer of the trigger file finish before interrupting it.
+      usleep(200 * 1000);
       kill(child.pid, signalNumber);
       sent = true;
     }

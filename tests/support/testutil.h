@@ -19,7 +19,7 @@ struct RunResult {
 RunResult run(const std::string& program, const std::vector<std::string>& args,
               double timeoutSeconds = 60.0);
 
-// Like run, but sends `signalNumber` once `triggerPath` exists (or after
+// Like run, but sends `signalNumber` once `triggerPath` has content (or after
 // `maxWaitSeconds`), then waits for the process to end.
 RunResult runAndSignal(const std::string& program, const std::vector<std::string>& args,
                        int signalNumber, const std::string& triggerPath,

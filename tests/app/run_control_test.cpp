@@ -1,0 +1,88 @@
+// Signals and the status file, on the built binary. The input is a FIFO with
+// no writer, so the driver blocks opening it and the run is caught mid-way.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "support/testutil.h"
+
+namespace {
+
+using testutil::corvaneBinary;
+using testutil::fileExists;
+using testutil::readFile;
+using testutil::ScratchDir;
+using testutil::writeFile;
+
+struct SignalCase {
+  const char* name;
+  bool calibrationMode;
+  int signalNumber;
+  bool withStatusFile;
+};
+
+class SignalDuringRun : public ::testing::TestWithParam<SignalCase> {};
+
+TEST_P(SignalDuringRun, RemovesOutputAndRecordsFailure) {
+  const SignalCase& c = GetParam();
+  ScratchDir dir;
+  const std::string fifo = dir.file("blocking.qf");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::string output = dir.file(c.calibrationMode ? "out.txt" : "out.qf");
+  const std::string status = dir.file("status");
+  writeFile(output, "left by an earlier run");
+
+  std::vector<std::string> args = c.calibrationMode
+                                      ? std::vector<std::string>{"calibration", fifo, output}
+                                      : std::vector<std::string>{"correction", fifo, fifo, output};
+  const std::string trigger = c.withStatusFile ? status : "";
+  if (c.withStatusFile) {
+    args.push_back("-statusFile");
+    args.push_back(status);
+  }
+  auto result = testutil::runAndSignal(corvaneBinary(), args, c.signalNumber, trigger, 1.0);
+
+  const std::string mode = c.calibrationMode ? "Calibration" : "Correction";
+  EXPECT_FALSE(result.timedOut);
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_EQ(result.out, mode + " Started\n\n");
+  EXPECT_EQ(result.err, "");
+  EXPECT_FALSE(fileExists(output));
+  if (c.withStatusFile)
+    EXPECT_EQ(readFile(status), "0.00\n" + mode + " failed or was terminated. Output removed.");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, SignalDuringRun,
+    ::testing::Values(SignalCase{"CalibrationInt", true, SIGINT, true},
+                      SignalCase{"CalibrationTerm", true, SIGTERM, true},
+                      SignalCase{"CalibrationSegv", true, SIGSEGV, true},
+                      SignalCase{"CorrectionInt", false, SIGINT, true},
+                      SignalCase{"CorrectionTerm", false, SIGTERM, true},
+                      SignalCase{"CorrectionIll", false, SIGILL, true},
+                      SignalCase{"NoStatusFile", false, SIGTERM, false}),
+    [](const ::testing::TestParamInfo<SignalCase>& info) { return std::string(info.param.name); });
+
+// A status path that cannot be opened is silently without effect.
+TEST(StatusFile, UnopenablePathIsIgnored) {
+  auto result = testutil::run(corvaneBinary(), {"calibration", "/nonexistent/in.qf", "/tmp/x.txt",
+                                                "-statusFile", "/nonexistent/dir/status"});
+  EXPECT_EQ(result.out, "Calibration Started\n\nCan Not Open QF Input File\n\n");
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.exitStatus, 1);
+}
+
+// A failure inside a driver keeps the last progress record and the output.
+TEST(StatusFile, FailureKeepsLastRecord) {
+  ScratchDir dir;
+  const std::string status = dir.file("status");
+  auto result = testutil::run(corvaneBinary(), {"calibration", dir.file("missing.qf"),
+                                                dir.file("out.txt"), "-statusFile", status});
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_EQ(readFile(status), "0.00\nCalibration Started");
+}
+
+}  // namespace
