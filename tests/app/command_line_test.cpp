@@ -49,6 +49,8 @@ struct Case {
   int expectedStatus;
 };
 
+void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
+
 class CommandLine : public ::testing::TestWithParam<Case> {};
 
 TEST_P(CommandLine, PrintsAndExitsAsDocumented) {

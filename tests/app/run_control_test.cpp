@@ -24,6 +24,8 @@ struct SignalCase {
   bool withStatusFile;
 };
 
+void PrintTo(const SignalCase& c, std::ostream* os) { *os << c.name; }
+
 class SignalDuringRun : public ::testing::TestWithParam<SignalCase> {};
 
 TEST_P(SignalDuringRun, RemovesOutputAndRecordsFailure) {
@@ -51,8 +53,9 @@ TEST_P(SignalDuringRun, RemovesOutputAndRecordsFailure) {
   EXPECT_EQ(result.out, mode + " Started\n\n");
   EXPECT_EQ(result.err, "");
   EXPECT_FALSE(fileExists(output));
-  if (c.withStatusFile)
+  if (c.withStatusFile) {
     EXPECT_EQ(readFile(status), "0.00\n" + mode + " failed or was terminated. Output removed.");
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
