@@ -2,6 +2,24 @@
 // the correction driver that writes the corrected stack.
 #pragma once
 
+// Resamples the section `input` (numRows x numCols, row pointers) through the
+// model `parameters` into `output`, a separate section of the same size: each
+// output pixel is read from its mapped position in the input by cubic
+// interpolation, or set to 0.0 when that position lies outside. The linear
+// flag picks the linear model over the radial one; the high-order flag adds
+// the second-order terms, on top of the linear model only. Writes every pixel
+// of `output` and nothing else.
+void imageTransform(double** input, double* parameters, int numRows, int numCols, int linearFlag,
+                    int highOrderFlag, double** output);
+
+// The Catmull-Rom cubic through `values` at positions -1, 0, 1, 2, evaluated at
+// `t` between 0 and 1. Not clamped: it can overshoot the samples.
+double cubicInterpolation(double* values, double t);
+
+// The cubic with `tx` along each of the four rows of `values` (first index
+// the row), then with `ty` down the four results.
+double bicubicInterpolation(double (*values)[4], double tx, double ty);
+
 // Reads the alignment parameter file, then resamples every section of every
 // channel of the input stack into the output stack.
 void performCorrection(char* pathParameterFile, char* pathInput, char* pathOutput);
