@@ -1,0 +1,75 @@
+// Pairs spots between a reference section and a channel's section: candidates
+// are bright regional maxima of the reference away from the edges, and each
+// pair is the sub-pixel fit at the same integer position in both images.
+// There is no partner search; the capture range is the fit's search window.
+
+#include <algorithm>
+#include <cstddef>
+#include <vector>
+
+#include "app/settings.h"
+#include "spots/internal.h"
+#include "spots/spots.h"
+
+namespace {
+
+// Candidates keep this far from every edge, so that the search and fit
+// windows of the reference spot lie inside the image.
+constexpr int kBorder = 30;
+
+// The reference's pixels above the gridThreshold percentile, inside the
+// border, at their own places in a block of zeros.
+std::vector<double> brightInterior(double** reference, int numRows, int numCols) {
+  const std::size_t n = static_cast<std::size_t>(numRows) * static_cast<std::size_t>(numCols);
+  std::vector<double> block(n);
+  for (int r = 0; r < numRows; ++r) {
+    std::copy(reference[r], reference[r] + numCols,
+              block.begin() + static_cast<std::ptrdiff_t>(r) * numCols);
+  }
+  const double threshold = percentileValue(block, gridThreshold);
+
+  std::fill(block.begin(), block.end(), 0.0);
+  for (int r = kBorder; r <= numRows - kBorder - 1; ++r) {
+    for (int c = kBorder; c <= numCols - kBorder - 1; ++c) {
+      if (reference[r][c] > threshold)
+        block[static_cast<std::size_t>(r) * numCols + c] = reference[r][c];
+    }
+  }
+  return block;
+}
+
+}  // namespace
+
+void findCorrespondencePoint(double** image, double** reference, int numRows, int numCols,
+                             std::vector<CorvanePoint2D>& imagePoints,
+                             std::vector<CorvanePoint2D>& referencePoints) {
+  if (numRows <= 0 || numCols <= 0) return;
+  std::vector<double> block = brightInterior(reference, numRows, numCols);
+  std::vector<char> flags(block.size());
+  imageRegionalMax(block.data(), numRows, numCols, flags.data());
+
+  // Raster order: by row, then by column. With nothing bright inside the
+  // border every pixel stays flagged and is tried; that is how it is meant.
+  std::vector<int> candidateRows, candidateCols;
+  for (int r = 0; r < numRows; ++r) {
+    for (int c = 0; c < numCols; ++c) {
+      if (flags[static_cast<std::size_t>(r) * numCols + c] == 1) {
+        candidateRows.push_back(r);
+        candidateCols.push_back(c);
+      }
+    }
+  }
+
+  for (std::size_t k = 0; k < candidateRows.size(); ++k) {
+    const int row = candidateRows[k], col = candidateCols[k];
+    double fittedRow, fittedCol;
+    if (fitPoint(reference, numRows, numCols, row, col, &fittedRow, &fittedCol) != 0) continue;
+    referencePoints.push_back(CorvanePoint2D{fittedCol, fittedRow});
+    // The same integer position, not the refined one: a pair shares its start.
+    if (fitPoint(image, numRows, numCols, row, col, &fittedRow, &fittedCol) != 0) {
+      referencePoints.pop_back();
+      continue;
+    }
+    imagePoints.push_back(CorvanePoint2D{fittedCol, fittedRow});
+  }
+}
