@@ -1,0 +1,287 @@
+// The section transform: the cubic kernel against hand-computed values, the
+// pixel paths of the transform on sections built to reach each of them, and
+// the fast loop against the step-by-step reference, bit for bit.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "correction/correction.h"
+#include "model/model.h"
+#include "reference_transform.h"
+
+namespace {
+
+using Parameters = std::vector<double>;
+
+Parameters params(std::initializer_list<double> leading) {
+  Parameters p(leading);
+  p.resize(kNumModelParameters, 0.0);
+  return p;
+}
+
+// A section of doubles with row pointers, as the transform takes it.
+struct Section {
+  int numRows;
+  int numCols;
+  std::vector<double> pixels;
+  std::vector<double*> rows;
+
+  Section(int r, int c, double fill = 0.0) : numRows(r), numCols(c), pixels(r * c, fill) {
+    for (int y = 0; y < r; ++y) rows.push_back(pixels.data() + y * c);
+    if (rows.empty()) rows.push_back(nullptr);
+  }
+  double& at(int y, int x) { return pixels[y * numCols + x]; }
+};
+
+// Deterministic pixel values, negative ones included.
+Section noise(int numRows, int numCols, uint32_t seed) {
+  Section s(numRows, numCols);
+  for (double& v : s.pixels) {
+    seed = seed * 1664525u + 1013904223u;
+    v = static_cast<double>(seed >> 8) / 65536.0 - 64.0;
+  }
+  return s;
+}
+
+bool sameBits(const Section& a, const Section& b) {
+  return a.pixels.size() == b.pixels.size() &&
+         std::memcmp(a.pixels.data(), b.pixels.data(), a.pixels.size() * sizeof(double)) == 0;
+}
+
+Section transform(Section& input, Parameters p, int linearFlag, int highOrderFlag) {
+  Section output(input.numRows, input.numCols, -123.0);
+  imageTransform(input.rows.data(), p.data(), input.numRows, input.numCols, linearFlag,
+                 highOrderFlag, output.rows.data());
+  return output;
+}
+
+TEST(CubicInterpolationTest, HandComputedValues) {
+  struct Case {
+    double values[4];
+    double t;
+    double expected;
+  };
+  const std::vector<Case> cases = {
+      {{0, 0, 1, 0}, 0.5, 0.5625},   // weights -1/16, 9/16, 9/16, -1/16
+      {{1, 0, 0, 0}, 0.5, -0.0625},  // below a bright sample it goes negative
+      {{0, 1, 1, 0}, 0.5, 1.125},    // and it overshoots: not clamped
+      {{1, 2, 3, 5}, 0.0, 2.0},      // t = 0 gives p1
+      {{1, 2, 3, 5}, 1.0, 3.0},      // t = 1 gives p2
+      {{0, 1, 2, 3}, 0.25, 1.25},    // a straight line stays straight
+      {{16, 16, 0, 0}, 0.5, 8.0},
+  };
+  for (const Case& c : cases) {
+    double v[4] = {c.values[0], c.values[1], c.values[2], c.values[3]};
+    EXPECT_EQ(cubicInterpolation(v, c.t), c.expected)
+        << v[0] << " " << v[1] << " " << v[2] << " " << v[3] << " at " << c.t;
+  }
+}
+
+// Random samples and positions expose any change in the association, which
+// small whole numbers would not.
+TEST(CubicInterpolationTest, KernelsMatchTheDefiningAssociationBitForBit) {
+  uint32_t seed = 99;
+  auto next = [&seed]() {
+    seed = seed * 1664525u + 1013904223u;
+    return static_cast<double>(seed) / 4294967296.0;
+  };
+  for (int i = 0; i < 2000; ++i) {
+    double n[4][4];
+    for (auto& row : n) {
+      for (double& v : row) v = (next() - 0.3) * 1000.0;
+    }
+    const double tx = next();
+    const double ty = next();
+    const double fast = cubicInterpolation(n[1], tx);
+    const double slow = reference::cubicInterpolation(n[1], tx);
+    ASSERT_EQ(std::memcmp(&fast, &slow, sizeof fast), 0) << i;
+    const double fast2 = bicubicInterpolation(n, tx, ty);
+    const double slow2 = reference::bicubicInterpolation(n, tx, ty);
+    ASSERT_EQ(std::memcmp(&fast2, &slow2, sizeof fast2), 0) << i;
+  }
+}
+
+TEST(CubicInterpolationTest, BicubicTakesRowsFirstThenTheColumn) {
+  // Rows constant along X reduce to the cubic down the column, and columns
+  // constant along Y to the cubic along a row.
+  double byRow[4][4] = {{0, 0, 0, 0}, {0, 0, 0, 0}, {1, 1, 1, 1}, {0, 0, 0, 0}};
+  EXPECT_EQ(bicubicInterpolation(byRow, 0.3, 0.5), 0.5625);
+  double byCol[4][4] = {{1, 0, 0, 0}, {1, 0, 0, 0}, {1, 0, 0, 0}, {1, 0, 0, 0}};
+  EXPECT_EQ(bicubicInterpolation(byCol, 0.5, 0.7), -0.0625);
+  double peak[4][4] = {{0, 0, 0, 0}, {0, 16, 0, 0}, {0, 0, 0, 0}, {0, 0, 0, 0}};
+  EXPECT_EQ(bicubicInterpolation(peak, 0.5, 0.5), 16 * 0.5625 * 0.5625);
+}
+
+TEST(ImageTransformTest, WholeNumberIdentityCopiesBitForBit) {
+  Section input = noise(9, 13, 7);
+  input.at(2, 3) = std::numeric_limits<double>::denorm_min();
+  input.at(4, 5) = -0.0;
+  EXPECT_TRUE(sameBits(transform(input, params({6.0, 4.0, 1.0, 1.0}), 1, 0), input));
+  EXPECT_TRUE(sameBits(transform(input, params({6.0, 4.0, 1.0, 1.0}), 1, 1), input));
+}
+
+TEST(ImageTransformTest, WholeNumberShiftMovesPixelsAndBlacksTheRest) {
+  Section input = noise(6, 8, 11);
+  // Pixel (x, y) is read from (x + 2, y + 1).
+  Section output = transform(input, params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, 2.0, 1.0}), 1, 0);
+  for (int y = 0; y < 6; ++y) {
+    for (int x = 0; x < 8; ++x) {
+      const bool inside = x + 2 < 8 && y + 1 < 6;
+      EXPECT_EQ(output.at(y, x), inside ? input.at(y + 1, x + 2) : 0.0) << x << "," << y;
+    }
+  }
+}
+
+TEST(ImageTransformTest, EmptySectionLeavesOutputUntouched) {
+  for (auto [numRows, numCols] : {std::pair{0, 5}, std::pair{3, 0}, std::pair{-1, -1}}) {
+    Section input(3, 5, 1.0);
+    Section output(3, 5, 7.0);
+    Parameters p = params({0.0, 0.0, 1.0, 1.0});
+    imageTransform(input.rows.data(), p.data(), numRows, numCols, 1, 0, output.rows.data());
+    for (double v : output.pixels) EXPECT_EQ(v, 7.0);
+  }
+}
+
+// Scale 0 maps every pixel to one source point, which puts each path of the
+// interpolation and each clamp under a test of its own.
+struct PathCase {
+  const char* name;
+  int numRows, numCols;
+  Parameters p;                               // linear model
+  std::vector<std::pair<int, int>> ones;      // (row, column) of pixels set to 16, the rest 0
+  std::vector<std::vector<double>> expected;  // by row, or one row for every row
+};
+
+TEST(ImageTransformTest, InterpolationPathsAndEdges) {
+  const std::vector<PathCase> cases = {
+      // Column 4 is the last: the one-dimensional path down it, with the rows
+      // clamped at the top and bottom, and row 4 pulled from 4.5, outside.
+      {"down the last column",
+       5,
+       5,
+       params({0.0, 0.0, 0.0, 1.0, 0.0, 0.0, 4.0, 0.5}),
+       {{2, 4}},
+       {{-1, -1, -1, -1, -1},
+        {9, 9, 9, 9, 9},
+        {9, 9, 9, 9, 9},
+        {-1, -1, -1, -1, -1},
+        {0, 0, 0, 0, 0}}},
+      // One row: only the path along the row is left.
+      {"one row, along",
+       1,
+       5,
+       params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, 0.5, 0.0}),
+       {{0, 2}},
+       {{-1, 9, 9, -1, 0}}},
+      {"one row, fractional Y is outside",
+       1,
+       5,
+       params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, 0.0, 0.25}),
+       {{0, 2}},
+       {{0, 0, 0, 0, 0}}},
+      // (0.5, 0.5): index -1 is pixel (0, 0) in both directions.
+      {"first corner",
+       4,
+       4,
+       params({0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.5, 0.5}),
+       {{0, 0}},
+       {{4, 4, 4, 4}}},
+      {"last corner",
+       4,
+       6,
+       params({0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 4.5, 2.5}),
+       {{3, 5}},
+       {{4, 4, 4, 4, 4, 4}}},
+      {"NaN model", 3, 3, params({NAN, 0.0, 1.0, 1.0}), {{1, 1}}, {{0, 0, 0}}},
+      {"last column plus one ulp",
+       2,
+       8,
+       params({0.0, 0.0, 0.0, 0.0, 0.0, 0.0, std::nextafter(7.0, 8.0), 0.0}),
+       {{0, 7}},
+       {{0, 0, 0, 0, 0, 0, 0, 0}}},
+      {"first column minus a trifle",
+       2,
+       8,
+       params({0.0, 0.0, 0.0, 0.0, 0.0, 0.0, -1e-300, 0.0}),
+       {{0, 0}},
+       {{0, 0, 0, 0, 0, 0, 0, 0}}},
+  };
+  for (const PathCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    Section input(c.numRows, c.numCols, 0.0);
+    for (auto [row, col] : c.ones) input.at(row, col) = 16.0;
+    Section output = transform(input, c.p, 1, 0);
+    for (int y = 0; y < c.numRows; ++y) {
+      const std::vector<double>& want = c.expected.size() == 1 ? c.expected[0] : c.expected[y];
+      for (int x = 0; x < c.numCols; ++x) {
+        EXPECT_EQ(output.at(y, x), want[x]) << "at " << x << "," << y;
+      }
+    }
+  }
+}
+
+TEST(ImageTransformTest, HighOrderTermsActOnlyOverTheLinearModel) {
+  Section input = noise(16, 16, 3);
+  Parameters radial = params({8.0, 8.0, 1.0, 0.0, 0.0, 0.0});
+  Parameters withTerms = radial;
+  withTerms[8] = 3.25;
+  withTerms[19] = 0.01;
+  EXPECT_TRUE(sameBits(transform(input, withTerms, 0, 1), transform(input, radial, 0, 0)));
+
+  Parameters linear = params({8.0, 8.0, 1.0, 1.0});
+  Parameters shifted = linear;
+  shifted[8] = 2.0;  // a constant 2 in X, through the high-order terms
+  Section output = transform(input, shifted, 1, 1);
+  EXPECT_EQ(output.at(5, 3), input.at(5, 5));
+  EXPECT_TRUE(sameBits(transform(input, shifted, 1, 0), input));
+}
+
+// The fast loop against the reference on models and sizes that reach every
+// path, every clamp and both ends of the range.
+TEST(ImageTransformTest, FastLoopMatchesReferenceBitForBit) {
+  struct Model {
+    const char* name;
+    Parameters p;
+    int linearFlag;
+    int highOrderFlag;
+  };
+  Parameters high = params({20.0, 15.0, 1.001, 0.998, 0.002, -0.001, 0.3, -0.7});
+  const double terms[12] = {0.1,  0.01,  1e-4,  -0.02, 2e-5, -1e-4,
+                            -0.2, 0.003, -2e-4, 0.01,  1e-5, 3e-5};
+  std::copy(terms, terms + 12, high.begin() + 8);
+  const std::vector<Model> models = {
+      {"radial identity", params({20.0, 15.0, 1.0}), 0, 0},
+      {"radial turn and scale", params({21.5, 14.0, 1.01, 0.02, 0.75, -1.25}), 0, 0},
+      {"radial, high-order ignored", high, 0, 1},
+      {"radial upside down", params({10.0, 10.0, 1.0, 3.14159265358979, 0.0, 0.0}), 0, 0},
+      {"linear identity", params({20.0, 15.0, 1.0, 1.0}), 1, 0},
+      {"linear general", params({20.0, 15.0, 1.02, 0.97, 0.01, -0.02, 0.4, -0.3}), 1, 0},
+      {"linear half shift X", params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, 0.5, 0.0}), 1, 0},
+      {"linear half shift Y", params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, 0.0, -0.5}), 1, 0},
+      {"linear half shift both", params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, -0.5, 0.5}), 1, 0},
+      {"linear magnify", params({3.0, 3.0, 0.37, 0.41, 0.0, 0.0, 0.0, 0.0}), 1, 0},
+      {"linear and high order", high, 1, 1},
+      {"linear, high order off", high, 1, 0},
+      {"NaN centre", params({NAN, 1.0, 1.0, 1.0}), 1, 0},
+      {"far outside", params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, 1e9, 0.0}), 1, 0},
+  };
+  const std::pair<int, int> sizes[] = {{1, 1}, {1, 9}, {9, 1}, {2, 2}, {3, 4}, {17, 23}, {40, 31}};
+  uint32_t seed = 1;
+  for (const Model& m : models) {
+    for (auto [numRows, numCols] : sizes) {
+      SCOPED_TRACE(testing::Message() << m.name << ", " << numRows << " x " << numCols);
+      Section input = noise(numRows, numCols, seed++);
+      Parameters p = m.p;
+      Section expected(numRows, numCols, -5.0);
+      reference::imageTransform(input.rows.data(), p.data(), numRows, numCols, m.linearFlag,
+                                m.highOrderFlag, expected.rows.data());
+      EXPECT_TRUE(sameBits(transform(input, p, m.linearFlag, m.highOrderFlag), expected));
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,246 @@
+// The alignment parameter file from the outside: what the reader accepts and
+// refuses, the writer's exact bytes, and the conversion of rows into pixels.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "model/model.h"
+#include "support/testutil.h"
+
+namespace {
+
+using Rows = std::vector<std::vector<double>>;
+
+const char kOpened[] = "Alignment Parameter Input File Opened\n";
+const char kClosed[] = "Alignment Parameter Input File Closed\n\n";
+const char kInvalid[] =
+    "Alignment Parameter Input File Opened\n"
+    "Invalid Alignment Parameter Input File\n\n"
+    "Correction Stopped\n";
+
+// `count` values 1, 2, 3, ... joined by `separator`.
+std::string values(int count, const std::string& separator = " ", int first = 1) {
+  std::string text;
+  for (int i = 0; i < count; ++i) {
+    if (i > 0) text += separator;
+    text += std::to_string(first + i);
+  }
+  return text;
+}
+
+std::string join(const std::vector<std::string>& fields) {
+  std::string text;
+  for (size_t i = 0; i < fields.size(); ++i) text += (i > 0 ? " " : "") + fields[i];
+  return text;
+}
+
+// Runs the reader in a child with its standard output sent to standard error,
+// where the death test can see it.
+void readAndFail(const std::string& path) {
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  Rows rows;
+  readAlignmentParameter(const_cast<char*>(path.c_str()), rows);
+}
+
+struct ReaderCase {
+  const char* name;
+  std::string content;
+  int expectedRows;  // -1: the file is refused
+};
+
+TEST(ReadAlignmentParameterTest, AcceptsExactlyWhatTheWriterMakes) {
+  const std::vector<ReaderCase> cases = {
+      {"one row, no newline", values(27), 1},
+      {"two rows on one line", values(54), 2},
+      {"rows on lines, any white space", values(27) + "\n" + values(27, "\t\n  ", 28), 2},
+      {"leading white space", "\n  " + values(27), 1},
+      {"nan and inf", "nan inf -inf " + values(24), 1},
+      {"empty file", "", -1},
+      {"trailing newline", values(27) + "\n", -1},
+      {"trailing blank", values(54) + " ", -1},
+      {"26 values", values(26), -1},
+      {"a short second row", values(27) + "\n" + values(26), -1},
+      {"non-numeric token", values(4) + " abc " + values(22), -1},
+      {"comma as separator", values(27, ","), -1},
+  };
+  testutil::ScratchDir dir;
+  for (const ReaderCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = dir.file("parameters.txt");
+    testutil::writeFile(path, c.content);
+    if (c.expectedRows < 0) {
+      EXPECT_EXIT(readAndFail(path), testing::ExitedWithCode(1), testing::Eq(kInvalid));
+      continue;
+    }
+    Rows rows = {{-7.0}};  // the reader appends after what is there
+    testing::internal::CaptureStdout();
+    readAlignmentParameter(const_cast<char*>(path.c_str()), rows);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string(kOpened) + kClosed);
+    ASSERT_EQ(static_cast<int>(rows.size()), c.expectedRows + 1);
+    EXPECT_EQ(rows[0], std::vector<double>{-7.0});
+    for (int r = 1; r <= c.expectedRows; ++r) EXPECT_EQ(rows[r].size(), 27u);
+  }
+}
+
+TEST(ReadAlignmentParameterTest, ValuesPassThroughSinglePrecision) {
+  testutil::ScratchDir dir;
+  const std::string path = dir.file("parameters.txt");
+  // 2^24 + 1 and 0.1 have no exact float: they arrive cut to a float's
+  // mantissa, not as printed.
+  testutil::writeFile(path, "16777217.00000000 0.10000000 nan -inf 2.5 " + values(22));
+  Rows rows;
+  testing::internal::CaptureStdout();
+  readAlignmentParameter(const_cast<char*>(path.c_str()), rows);
+  testing::internal::GetCapturedStdout();
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0][0], 16777216.0);
+  EXPECT_EQ(rows[0][1], static_cast<double>(0.1f));
+  EXPECT_NE(rows[0][1], 0.1);
+  EXPECT_TRUE(std::isnan(rows[0][2]));
+  EXPECT_EQ(rows[0][3], -INFINITY);
+  EXPECT_EQ(rows[0][4], 2.5);
+  EXPECT_EQ(rows[0][26], 22.0);
+}
+
+TEST(ReadAlignmentParameterTest, MissingFileStopsTheCorrection) {
+  testutil::ScratchDir dir;
+  EXPECT_EXIT(readAndFail(dir.file("absent.txt")), testing::ExitedWithCode(1),
+              testing::Eq("Can Not Open Alignment Parameter Input File\n\nCorrection Stopped\n"));
+}
+
+TEST(WriteAlignmentParameterTest, ExactBytesAndNoNewlineAfterTheLastRow) {
+  std::vector<double> channel(27, 0.0);
+  channel[0] = 550.0;
+  channel[1] = 1.0;
+  channel[2] = 0.123456789;  // rounded at the eighth decimal
+  channel[3] = -0.5;
+  channel[26] = 1e-9;  // below the last decimal
+  std::vector<double> last(27, 0.0);
+  last[0] = NAN;
+  last[1] = INFINITY;
+  last[2] = -INFINITY;
+  last[3] = 1234567.5;  // wider than the field: the field grows
+  last[26] = -12.25;
+
+  const std::string zero = "    0.00000000";
+  std::vector<std::string> channelFields = {"  550.00000000", "    1.00000000", "    0.12345679",
+                                            "   -0.50000000"};
+  channelFields.resize(27, zero);
+  std::vector<std::string> lastFields = {"           nan", "           inf", "          -inf",
+                                         "1234567.50000000"};
+  lastFields.resize(26, zero);
+  lastFields.push_back("  -12.25000000");
+
+  testutil::ScratchDir dir;
+  const std::string path = dir.file("out.txt");
+  testutil::writeFile(path, "an older file, longer than the new one ..." + std::string(5000, 'x'));
+  testing::internal::CaptureStdout();
+  writeAlignmentParameter(path.c_str(), {channel, last});
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Alignment Parameter Output File Opened\n"
+            "Alignment Paramenter Output File Closed\n\n");
+  EXPECT_EQ(testutil::readFile(path), join(channelFields) + "\n" + join(lastFields));
+}
+
+TEST(WriteAlignmentParameterTest, ReaderAcceptsWhatTheWriterWrote) {
+  for (int numRows : {1, 2, 5}) {
+    SCOPED_TRACE(numRows);
+    Rows written;
+    for (int r = 0; r < numRows; ++r) {
+      std::vector<double> row(27);
+      for (int s = 0; s < 27; ++s) row[s] = r * 100.0 + s * 0.25 - 3.0;
+      written.push_back(row);
+    }
+    testutil::ScratchDir dir;
+    const std::string path = dir.file("round.txt");
+    testing::internal::CaptureStdout();
+    writeAlignmentParameter(path.c_str(), written);
+    Rows read;
+    readAlignmentParameter(const_cast<char*>(path.c_str()), read);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(read, written);  // quarters are exact in a float
+  }
+}
+
+TEST(WriteAlignmentParameterTest, FailuresToOpenAndToClose) {
+  const Rows rows = {std::vector<double>(27, 1.0)};
+  EXPECT_EXIT(
+      {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        writeAlignmentParameter("/nonexistent-directory/out.txt", rows);
+      },
+      testing::ExitedWithCode(1), testing::Eq("Can Not Open Alignment Parameter Output File\n\n"));
+
+  // The full device accepts the open and fails the flush at close: reported,
+  // and the run goes on.
+  testing::internal::CaptureStdout();
+  writeAlignmentParameter("/dev/full", rows);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Alignment Parameter Output File Opened\n"
+            "Can Not Close Alignment Parameter Output File\n\n");
+}
+
+// Calibration stack: 100.9 columns (truncated to 100) by 60 rows, spacings
+// 0.5 and 0.25. Stack corrected: 200 columns by 121 rows, spacings 0.25,
+// 0.125 and Z 0.5. All exact in binary, so the expected values are exact.
+TEST(ConvertAlignmentParameterTest, CentresTranslationsAndZOffsetIntoPixels) {
+  struct Case {
+    int linearFlag;
+    double slot11, slot12, slot13, slot14;  // expected
+  };
+  const std::vector<Case> cases = {
+      {0, 12.0, 8.0, 5.0, 7.0},   // radial: the translation sits in slots 11, 12
+      {1, 3.0, 1.0, 20.0, 56.0},  // linear: in slots 13, 14
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.linearFlag);
+    std::vector<double> channel(27);
+    for (int s = 0; s < 27; ++s) channel[s] = 1000.0 + s;
+    channel[6] = 1.5;
+    channel[7] = 30.0;  // 60 px, 10 px right of the middle 50
+    channel[8] = 10.0;  // 40 px, 10 px below the middle 30
+    channel[11] = 3.0;
+    channel[12] = 1.0;
+    channel[13] = 5.0;
+    channel[14] = 7.0;
+    std::vector<double> last(27, 0.0);
+    last[0] = 488.0;
+    last[1] = c.linearFlag;
+    last[7] = 100.9;
+    last[8] = 60.0;
+    last[9] = 0.5;
+    last[10] = 0.25;
+    last[11] = 99.0;  // Z spacing of the calibration: not used
+    Rows rows = {channel, channel, last};
+
+    convertAlignmentParameterToPixels(rows, 121, 200, 0.25f, 0.125f, 0.5f);
+
+    for (int r = 0; r < 2; ++r) {
+      std::vector<double> expected = channel;
+      expected[6] = 3.0;
+      expected[7] = 120.0;  // 10 px at 0.5 are 20 px at 0.25, from the middle 100
+      expected[8] = 80.5;   // 10 px at 0.25 are 20 px at 0.125, from the middle 60.5
+      expected[11] = c.slot11;
+      expected[12] = c.slot12;
+      expected[13] = c.slot13;
+      expected[14] = c.slot14;
+      EXPECT_EQ(rows[r], expected) << "row " << r;
+    }
+    EXPECT_EQ(rows[2], last);
+  }
+}
+
+TEST(ConvertAlignmentParameterTest, OnlyTheFinalRowLeavesNothingToConvert) {
+  std::vector<double> last(27, 0.0);
+  last[7] = 64.0;
+  last[9] = 0.1;
+  Rows rows = {last};
+  convertAlignmentParameterToPixels(rows, 10, 10, 1.0f, 1.0f, 1.0f);
+  EXPECT_EQ(rows, Rows{last});
+}
+
+}  // namespace
