@@ -114,3 +114,127 @@ int IMWrPas(int iStream, float const* buffer, int mx, int my, int firstColumn, i
 int IMCrExHdr(int iStream, int type, int blocks);
 // Sets the per-section shape and creates an empty extended header.
 int IMAlExHdrSize2(int iStream, int ints, int floats, int sections, int blocks);
+
+// ===========================================================================
+// Attributes, header transfer, extended header records and named fields.
+// Changes go to the stream record only; IMWrHdr2 carries them to the file.
+// A wavelength index w starts at 0.
+
+// ---------------------------------------------------------------------------
+// Attribute accessors. Each checks the stream first and, when refused,
+// returns the check's code and touches nothing (IMRtDel2 excepted).
+
+int IMRtXY(int iStream, int* nx, int* ny);
+int IMAlXY(int iStream, int nx, int ny);
+int IMRtSiz(int iStream, int size[3], int sampling[3], int start[3]);
+int IMAlSiz(int iStream, int const size[3], int const start[3]);
+int IMRtMst(int iStream, int start[3]);
+int IMRtMap(int iStream, int map[3]);
+int IMAlMap(int iStream, int const map[3]);
+int IMRtDel(int iStream, float pixelSize[3]);
+// Outputs 1.0 each when the stream is refused.
+int IMRtDel2(int iStream, float* dx, float* dy, float* dz);
+// Sets pixel size and cell size; a size below 1e-30 gives 502 but is stored.
+int IMAlDel(int iStream, float const pixelSize[3]);
+int IMAlDel2(int iStream, float dx, float dy, float dz);
+int IMRtCel(int iStream, float cell[6]);
+int IMAlCel(int iStream, float const cell[6]);
+// Copies cell size and angles from `source`; the pixel size follows the
+// destination's own sampling.
+int IMTrCel(int iStream, int source);
+int IMRtOrig(int iStream, float* x, float* y, float* z);
+int IMAlOrig(int iStream, float x, float y, float z);
+int IMRtTlt(int iStream, float tilt[3]);
+int IMAlTlt(int iStream, float const tilt[3]);
+// Not supported: prints so and returns 0.
+int IMAlTltRot(int iStream, float const tilt[3]);
+int IMRtMode(int iStream, int* mode);
+int IMAlMode(int iStream, int mode);
+int IMRtLensID(int iStream, int* lensId);
+int IMAlLensID(int iStream, int lensId);
+int IMRtSpg(int iStream, int* spaceGroup, int* extHdrSize);
+// A non-zero size replaces the extended header by a zeroed block.
+int IMAlSpg(int iStream, int spaceGroup, int extHdrSize);
+int IMRtSym(int iStream, int* bytes, void* data);
+int IMAlSym(int iStream, int bytes, void const* data);
+
+int IMRtWav(int iStream, int* nw, float* waves);
+int IMAlWav(int iStream, int n, float const* waves);
+int IMRtWav2(int iStream, int w, float* wave);
+int IMAlWav2(int iStream, int w, float wave);
+// Statistics per wavelength: w below iMaxWaves is accepted, 603 when it is
+// not below iNumW (the values still move), 605 beyond.
+int IMRtWavMMM(int iStream, int w, float* min, float* max, float* mean);
+int IMRtWavMM(int iStream, int w, float* min, float* max);
+int IMAlWavMMM(int iStream, int w, float min, float max, float mean);
+int IMAlWavMM(int iStream, int w, float min, float max);
+// Display scale; bad stored values fall back to min, max, 1, 0 with 812.
+int IMRtScl(int iStream, int w, float scale[4]);
+int IMRtScl2(int iStream, int w, float* a, float* b, float* c, float* d);
+int IMAlScl(int iStream, int w, float const scale[4]);
+int IMAlScl2(int iStream, int w, float a, float b, float c, float d);
+
+int IMRtLab(int iStream, char titles[][80], int* count);
+int IMRtLab2(int iStream, char titles[][80], int first, int count);
+int IMAlLab(int iStream, char const titles[][80], int count);
+int IMAlLab2(int iStream, char const titles[][80], int first, int count);
+int IMRtMaxNumLab(int iStream, int* max);
+int IMRtNumLab(int iStream, int* count);
+int IMAlNumLab(int iStream, int count);
+int IMTrLab(int iStream, int source);
+
+int IMRtFileType(int iStream, int* type);
+int IMAlFileType(int iStream, int type);
+int IMRtFileID(int iStream, int* id, int* swapped);
+int IMRtDat(int iStream, int* type, int* lensId, int* value1, int* value2, float* value3,
+            float* value4);
+int IMAlDat(int iStream, int type, int lensId, int value1, int value2, float value3, float value4);
+int IMRtTimeStamp(int iStream, double* time);
+int IMAlTimeStamp(int iStream, double time);
+int IMRtDataBitsPerPixel(int iStream, int* bits);
+int IMAlDataBitsPerPixel(int iStream, int bits);
+// Counts and sequence, with iNumSecs the product; no checks.
+int IMAlZWTP(int iStream, int nz, int nw, int nt, int np, int sequence);
+int IMAlZWT(int iStream, int nz, int nw, int nt, int sequence);
+int IMAlZWT2(int iStream, int nz, int nw, int nt);
+int IMAlZWTP2(int iStream, int nz, int nw, int nt, int np);
+int IMRtCon(int iStream, int* flag);
+int IMAlCon(int iStream, int flag);
+int IMAlDis2(int iStream, int flag);
+// Sets the display flag of the library and of every open stream.
+int IMAlDis(int iWinDisplayFlag);
+// Window number of a window stream; 0 for files, -1 for a negative number.
+int IMRtWID(int iStream);
+
+// ---------------------------------------------------------------------------
+// Whole-header calls.
+
+// Encodes the record and copies the 1024-byte header image to `header`.
+int IMRtHdr(int iStream, void* header);
+int IMGetHdr(int iStream, void* header);
+// Takes a 1024-byte header image (either byte order) and decodes it.
+int IMAlHdr(int iStream, void const* header);
+int IMPutHdr(int iStream, void const* header);
+// IMRdHdr2, then the classic summary: X, Y, all sections; sampling; pixel
+// type; the statistics of wavelength 0.
+int IMRdHdr(int iStream, int size[3], int sampling[3], int* mode, float* min, float* max,
+            float* mean);
+// Sets titles by titleMode (0 replace, 1 or 2 append), the statistics of
+// wavelength 0, and writes header and extended header.
+void IMWrHdr(int iStream, char const* title, int titleMode, float min, float max, float mean);
+// The older creator: one wavelength, one time point, no extended header.
+int IMCrHdr(int iStream, int const size[3], int const sampling[3], int mode,
+            char const titles[][80], int count);
+// Copies the header and the extended header of `source` to iStream.
+int IMTrHdr(int iStream, int source);
+// Prints a summary of the stream on the standard output.
+int IMReportInfo(int iStream);
+// Minimum, maximum and mean over an inclusive rectangle of a row-major
+// image of row length `width`. Takes no stream.
+int IMCalcDen(float const* image, int width, int height, int firstColumn, int lastColumn,
+              int firstRow, int lastRow, float* min, float* max, float* mean);
+
+// Unsupported calls, kept so that callers link.
+int IMInterp();
+int IMClLim(int iStream);
+int IMRtExt(int iStream);

@@ -9,6 +9,7 @@
 // free. The record itself is calloc'ed at open and freed at close.
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
