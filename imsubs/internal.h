@@ -288,3 +288,25 @@ int iReadAllFields(int iStream, void* unused);
 // Rebuilds the field section from the arrays before the block is written;
 // called by IMWrHdr2 only when iNumFields is above 0.
 int iWriteAllFields(IMStreamRecord* record);
+
+// ===========================================================================
+// Attributes, extended header records and named fields.
+
+// The record of a stream that passes IMCheckStream under `caller`'s name;
+// null, with the check's code in *code, when it is refused.
+IMStreamRecord* iCheckedRecord(int iStream, char const* caller, int* code);
+
+// Integers and floats per section of an extended header type from 0 to 4;
+// false for any other type (extended_header.cpp).
+bool iExtHdrShape(int type, int* ints, int* floats);
+
+// Replaces the extended header block by `size` zeroed bytes and points the
+// views, the field section and iFieldBytesMax at it. On allocation failure
+// the four pointers are cleared and 902 returned; no message.
+int iReplaceExtHdrBlock(IMStreamRecord* record, int size);
+
+// The one store step of the named field store: replaces the field of that
+// exact name or adds it; 720 (the field kept) when the fields no longer fit,
+// 1 for a null record (fields.cpp).
+int iReplaceOrAddCharField(IMStreamRecord* record, char const* name, char const* value, char type,
+                           int size);
