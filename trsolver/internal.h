@@ -163,6 +163,31 @@ void trs_dmintr_ls_lc(int64_t n, int64_t m, const double* x, const double* fvec,
                       double* lambda, double* hess, double* chol, double* curvature,
                       const double* eps, int64_t* status, double* const work[5]);
 
+// Pieces of trs_dmintr_ls_lc.
+// d(i) := 1 / sqrt|t(i)|, t the distance of x to the bound that the sign of
+// g = (J^T F over the first n rows) points to; 1e-18 on a bound, 1 without
+// bounds. g is returned too.
+void trs_distance_scale(int64_t n, int64_t m, const double* x, const double* fvec,
+                        const double* fjac, const double* lw, const double* up, double* g,
+                        double* d);
+// w := p projected onto the box as a step; a := the part of w that ends on a
+// bound, 0 elsewhere.
+void trs_project_onto_box(int64_t n, const double* x, const double* p, const double* lw,
+                          const double* up, double* w, double* a);
+// Draw-back factor Beta in [0.0005, 0.05]; grad, column (m) and row (n) are
+// scratch.
+double trs_draw_back_factor(int64_t n, int64_t m, const double* fjac, const double* fvec,
+                            const double* w, const double* a, double* grad, double* column,
+                            double* row);
+// r := c, or interior_factor * Tau * c when x + c leaves the box and the
+// first bound lies at Tau <= 1 along c.
+void trs_steepest_descent_inside(int64_t n, const double* x, const double* c, const double* lw,
+                                 const double* up, double interior_factor, double* r);
+// Mixing factor Mu of r against q from their images jq = J q, jr = J r; 0
+// when q reaches the threshold's share of r's model reduction. v, e: scratch.
+double trs_mixing_factor(int64_t m, const double* fvec, const double* jq, const double* jr,
+                         double threshold, double* v, double* e);
+
 // Trust-region step p of a (scaled) problem with a bracketed shift.
 void trs_dmintr_ls_npd(int64_t n, int64_t m, const double* jac, const double* fvec, double* p,
                        int64_t* limit, const double* eps, double radius, double* lambda,

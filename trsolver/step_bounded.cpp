@@ -343,59 +343,18 @@ void trs_dmintr_ls_npd(int64_t n, int64_t m, const double* jac, const double* fv
   leave(1, pass);
 }
 
-void trs_dmintr_ls_lc(int64_t n, int64_t m, const double* x, const double* fvec, double* s,
-                      const double* fjac, double* jac_copy, const double* lw, const double* up,
-                      double delta, const double* mix_threshold, const double* interior_factor,
-                      double* lambda, double* hess, double* chol, double* curvature,
-                      const double* eps, int64_t* status, double* const work[5]) {
-  assert(n > 0 && m >= n);
-  StepVectors vec;
-  if (!vec.allocate(n, m)) {
-    *status = -1;
-    return;
-  }
-  double* g = vec.n[0];  // sign vector, then the full gradient
-  double* d = vec.n[1];
-  double* p = vec.n[2];
-  double* h = vec.n[3];  // scaled gradient, then q
-  double* c = vec.n[4];
-  double* r = vec.n[5];
-  double* w = vec.n[6];
-  double* a = vec.n[7];
-  double* jv = vec.m[0];
-  double* jq = vec.m[1];
-  double* jr = vec.m[2];
-  double* tmp = vec.m[3];
-
+void trs_distance_scale(int64_t n, int64_t m, const double* x, const double* fvec,
+                        const double* fjac, const double* lw, const double* up, double* g,
+                        double* d) {
   // Signs from the first n residuals only: intended, later steps use all.
   cblas_dgemv(CblasColMajor, CblasTrans, B(n), B(n), 1.0, fjac, B(m), fvec, 1, 0.0, g, 1);
   distanceMeasure(n, x, g, lw, up, d);
   for (int64_t i = 0; i < n; ++i) d[i] = 1.0 / std::sqrt(std::fabs(d[i]));
+}
 
-  scaleColumns(n, m, fjac, d, false, jac_copy);
-  const double radius = delta;
-  int64_t limit = SUBPROBLEM_PASS_LIMIT;
-  int64_t subStatus = 0;
-  trs_dmintr_ls_npd(n, m, jac_copy, fvec, p, &limit, eps, radius, lambda, hess, chol, curvature,
-                    &subStatus, work);
-  if (subStatus < 0) {
-    *status = subStatus;
-    return;
-  }
-  for (int64_t i = 0; i < n; ++i) p[i] = p[i] / d[i];
-
-  // Length of the scaled steepest-descent step.
-  scaleColumns(n, m, fjac, d, false, jac_copy);
-  jacobianTransposedTimes(n, m, 1.0, jac_copy, fvec, h);
-  jacobianTimes(n, m, jac_copy, h, jv);
-  const double hh = trs_dot(n, h, h), zz = squaredNorm(m, jv);
-  double alpha = 0.0;
-  if (!(hh == 0.0 && zz == 0.0)) alpha = std::fmin(hh / zz, radius / std::sqrt(hh));
-  scaleColumns(n, m, fjac, d, true, jac_copy);
-  jacobianTransposedTimes(n, m, -alpha, jac_copy, fvec, c);
-
-  // Projection of the trust-region step onto the box; the last test that
-  // matches decides.
+void trs_project_onto_box(int64_t n, const double* x, const double* p, const double* lw,
+                          const double* up, double* w, double* a) {
+  // The three tests run in order, so the last one that matches decides.
   for (int64_t i = 0; i < n; ++i) {
     const double e = x[i] + p[i];
     if (lw[i] >= e) {
@@ -411,61 +370,120 @@ void trs_dmintr_ls_lc(int64_t n, int64_t m, const double* x, const double* fvec,
       a[i] = w[i];
     }
   }
+}
 
-  // Draw-back of the coordinates that reached a bound.
-  jacobianTransposedTimes(n, m, 1.0, fjac, fvec, g);
-  const double t1 = trs_dot(n, g, a);
-  const double t2 = normalProductDot(n, m, fjac, w, a, jv, h);
-  const double t3 = normalProductDot(n, m, fjac, a, a, jv, h);
-  double beta = std::fabs(t3) <= TINY ? 0.0 : (t1 + t2) / t3;
-  beta = std::fmax(std::fmin(beta, DRAW_BACK_MAX), DRAW_BACK_MIN);
-  double* q = h;
-  for (int64_t i = 0; i < n; ++i) q[i] = w[i] - beta * a[i];
+double trs_draw_back_factor(int64_t n, int64_t m, const double* fjac, const double* fvec,
+                            const double* w, const double* a, double* grad, double* column,
+                            double* row) {
+  jacobianTransposedTimes(n, m, 1.0, fjac, fvec, grad);
+  const double t1 = trs_dot(n, grad, a);
+  const double t2 = normalProductDot(n, m, fjac, w, a, column, row);
+  const double t3 = normalProductDot(n, m, fjac, a, a, column, row);
+  const double beta = std::fabs(t3) <= TINY ? 0.0 : (t1 + t2) / t3;
+  return std::fmax(std::fmin(beta, DRAW_BACK_MAX), DRAW_BACK_MIN);
+}
 
-  // Steepest-descent step pulled inside the box.
+void trs_steepest_descent_inside(int64_t n, const double* x, const double* c, const double* lw,
+                                 const double* up, double interior_factor, double* r) {
   cblas_dcopy(B(n), c, 1, r, 1);
   bool leaves = false;
   for (int64_t i = 0; i < n; ++i) {
     const double e = x[i] + c[i];
     if (e > up[i] || e < lw[i]) leaves = true;
   }
-  if (leaves) {
-    double tau = TRS_NO_BOUND;
-    for (int64_t i = 0; i < n; ++i) {
-      double ti = TRS_NO_BOUND;
-      if (c[i] != 0.0) {
-        const double toLower = lw[i] == x[i] ? -TINY : lw[i] - x[i];
-        const double toUpper = up[i] == x[i] ? (up[i] < 0.0 ? -TINY : TINY) : up[i] - x[i];
-        ti = std::fmax(toLower / c[i], toUpper / c[i]);
-      }
-      tau = std::fmin(tau, ti);
+  if (!leaves) return;
+  double tau = TRS_NO_BOUND;
+  for (int64_t i = 0; i < n; ++i) {
+    double ti = TRS_NO_BOUND;
+    if (c[i] != 0.0) {
+      const double toLower = lw[i] == x[i] ? -TINY : lw[i] - x[i];
+      const double toUpper = up[i] == x[i] ? (up[i] < 0.0 ? -TINY : TINY) : up[i] - x[i];
+      ti = std::fmax(toLower / c[i], toUpper / c[i]);
     }
-    if (tau <= 1.0) cblas_dscal(B(n), *interior_factor * tau, r, 1);
+    tau = std::fmin(tau, ti);
   }
+  if (tau <= 1.0) cblas_dscal(B(n), interior_factor * tau, r, 1);
+}
 
-  // Compare the two steps on the linear model.
+double trs_mixing_factor(int64_t m, const double* fvec, const double* jq, const double* jr,
+                         double threshold, double* v, double* e) {
+  const double f = 0.5 * trs_dot(m, fvec, fvec);
+  linearModel(m, fvec, jq, e);
+  const double mq = 0.5 * squaredNorm(m, e);
+  linearModel(m, fvec, jr, e);
+  const double mr = 0.5 * squaredNorm(m, e);
+  const double rho = (f == 0.0 && mr == 0.0) ? threshold - 1.0 : (f - mq) / (f - mr);
+  if (rho >= threshold) return 0.0;
+
+  // The share of r at which the model reaches the threshold's fraction of
+  // the steepest-descent reduction: the smaller root of a quadratic.
+  for (int64_t i = 0; i < m; ++i) v[i] = jr[i] - jq[i];
+  const double cq = squaredNorm(m, jq), cr = squaredNorm(m, jr);
+  for (int64_t i = 0; i < m; ++i) e[i] = jq[i] - threshold * jr[i];
+  const double cm = trs_dot(m, fvec, e);
+  for (int64_t i = 0; i < m; ++i) e[i] = -(fvec[i] + jq[i]);
+  const double cb = trs_dot(m, e, v), ca = squaredNorm(m, v);
+  const double root = std::sqrt(cb * cb - (0.5 * (cq - threshold * cr) + cm) * 2.0 * ca);
+  return (cb - root) / (ca == 0.0 ? TINY : ca);
+}
+
+void trs_dmintr_ls_lc(int64_t n, int64_t m, const double* x, const double* fvec, double* s,
+                      const double* fjac, double* jac_copy, const double* lw, const double* up,
+                      double delta, const double* mix_threshold, const double* interior_factor,
+                      double* lambda, double* hess, double* chol, double* curvature,
+                      const double* eps, int64_t* status, double* const work[5]) {
+  assert(n > 0 && m >= n);
+  StepVectors vec;
+  if (!vec.allocate(n, m)) {
+    *status = -1;
+    return;
+  }
+  double* g = vec.n[0];  // sign vector, then the full gradient
+  double* d = vec.n[1];
+  double* p = vec.n[2];
+  double* h = vec.n[3];  // scaled gradient, then a row of J^T J
+  double* c = vec.n[4];
+  double* r = vec.n[5];
+  double* w = vec.n[6];
+  double* a = vec.n[7];
+  double* jv = vec.m[0];
+  double* jq = vec.m[1];
+  double* jr = vec.m[2];
+  double* tmp = vec.m[3];
+
+  trs_distance_scale(n, m, x, fvec, fjac, lw, up, g, d);
+  scaleColumns(n, m, fjac, d, false, jac_copy);
+  const double radius = delta;
+  int64_t limit = SUBPROBLEM_PASS_LIMIT;
+  int64_t subStatus = 0;
+  trs_dmintr_ls_npd(n, m, jac_copy, fvec, p, &limit, eps, radius, lambda, hess, chol, curvature,
+                    &subStatus, work);
+  if (subStatus < 0) {
+    *status = subStatus;
+    return;
+  }
+  for (int64_t i = 0; i < n; ++i) p[i] = p[i] / d[i];
+
+  // Length of the scaled steepest-descent step, then the step itself.
+  scaleColumns(n, m, fjac, d, false, jac_copy);
+  jacobianTransposedTimes(n, m, 1.0, jac_copy, fvec, h);
+  jacobianTimes(n, m, jac_copy, h, jv);
+  const double hh = trs_dot(n, h, h), zz = squaredNorm(m, jv);
+  double alpha = 0.0;
+  if (!(hh == 0.0 && zz == 0.0)) alpha = std::fmin(hh / zz, radius / std::sqrt(hh));
+  scaleColumns(n, m, fjac, d, true, jac_copy);
+  jacobianTransposedTimes(n, m, -alpha, jac_copy, fvec, c);
+
+  trs_project_onto_box(n, x, p, lw, up, w, a);
+  const double beta = trs_draw_back_factor(n, m, fjac, fvec, w, a, g, jv, h);
+  // Every coordinate that reached a bound stays short of it.
+  double* q = p;
+  for (int64_t i = 0; i < n; ++i) q[i] = w[i] - beta * a[i];
+  trs_steepest_descent_inside(n, x, c, lw, up, *interior_factor, r);
+
   jacobianTimes(n, m, fjac, q, jq);
   jacobianTimes(n, m, fjac, r, jr);
-  const double f = 0.5 * trs_dot(m, fvec, fvec);
-  linearModel(m, fvec, jq, tmp);
-  const double mq = 0.5 * squaredNorm(m, tmp);
-  linearModel(m, fvec, jr, tmp);
-  const double mr = 0.5 * squaredNorm(m, tmp);
-  const double rho = (f == 0.0 && mr == 0.0) ? *mix_threshold - 1.0 : (f - mq) / (f - mr);
-
-  double mu = 0.0;
-  if (!(rho >= *mix_threshold)) {
-    const double theta = *mix_threshold;
-    double* vdiff = jv;
-    for (int64_t i = 0; i < m; ++i) vdiff[i] = jr[i] - jq[i];
-    const double cq = squaredNorm(m, jq), cr = squaredNorm(m, jr);
-    for (int64_t i = 0; i < m; ++i) tmp[i] = jq[i] - theta * jr[i];
-    const double cm = trs_dot(m, fvec, tmp);
-    for (int64_t i = 0; i < m; ++i) tmp[i] = -(fvec[i] + jq[i]);
-    const double cb = trs_dot(m, tmp, vdiff), ca = squaredNorm(m, vdiff);
-    const double root = std::sqrt(cb * cb - (0.5 * (cq - theta * cr) + cm) * 2.0 * ca);
-    mu = (cb - root) / (ca == 0.0 ? TINY : ca);
-  }
+  const double mu = trs_mixing_factor(m, fvec, jq, jr, *mix_threshold, jv, tmp);
   for (int64_t i = 0; i < n; ++i) s[i] = mu * r[i] + (1.0 - mu) * q[i];
   *status = subStatus;
 }
