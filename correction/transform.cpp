@@ -5,8 +5,10 @@
 // The per-pixel loop is the hot spot of a correction. It evaluates the model
 // through the inline per-point forms of the evaluators instead of one-element
 // vectors, with the same arithmetic, so that its output is bit for bit the
-// output of a per-pixel call of fradial, change or changeHigh.
+// output of a per-pixel call of fradial, change or changeHigh (the tests hold
+// the step-by-step version and compare).
 #include <algorithm>
+#include <vector>
 
 #include "correction/correction.h"
 #include "model/model.h"
@@ -82,18 +84,26 @@ struct LinearHighOrderModel {
   }
 };
 
+// Maps a whole row first and samples it afterwards: the radial model's calls
+// into the maths library then no longer break up the interpolation, which
+// keeps its values in registers. The order of the arithmetic of each pixel is
+// unchanged.
 template <typename Model>
 void transformSection(double** input, const double* parameters, int numRows, int numCols,
                       Model model, double** output) {
+  if (numRows < 1 || numCols < 1) return;
   // A local copy lets the compiler keep the parameters in registers: it
   // cannot alias the output rows.
   double p[kNumModelParameters];
   std::copy(parameters, parameters + kNumModelParameters, p);
+  std::vector<CorvanePoint2D> sources(numCols);
   for (int y = 0; y < numRows; ++y) {
+    for (int x = 0; x < numCols; ++x) {
+      sources[x] = model(p, static_cast<double>(x), static_cast<double>(y));
+    }
     double* out = output[y];
     for (int x = 0; x < numCols; ++x) {
-      const CorvanePoint2D source = model(p, static_cast<double>(x), static_cast<double>(y));
-      out[x] = sampleAt(input, numRows, numCols, source.x, source.y);
+      out[x] = sampleAt(input, numRows, numCols, sources[x].x, sources[x].y);
     }
   }
 }

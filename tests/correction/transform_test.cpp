@@ -269,7 +269,8 @@ TEST(ImageTransformTest, FastLoopMatchesReferenceBitForBit) {
       {"NaN centre", params({NAN, 1.0, 1.0, 1.0}), 1, 0},
       {"far outside", params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, 1e9, 0.0}), 1, 0},
   };
-  const std::pair<int, int> sizes[] = {{1, 1}, {1, 9}, {9, 1}, {2, 2}, {3, 4}, {17, 23}, {40, 31}};
+  const std::pair<int, int> sizes[] = {{1, 1}, {1, 9},   {9, 1},   {2, 2},
+                                       {3, 4}, {17, 23}, {40, 31}, {128, 160}};
   uint32_t seed = 1;
   for (const Model& m : models) {
     for (auto [numRows, numCols] : sizes) {
