@@ -1,0 +1,42 @@
+// Drives the solver the way the application's wrappers do: init, a loop of
+// solve calls answering the requests (the Jacobian by djacobix), get, delete;
+// with a bound on the loop so that a runaway iteration fails a test instead
+// of hanging it.
+#pragma once
+
+#include <vector>
+
+#include "trsolver/trsolver.h"
+
+struct SolveSetup {
+  std::vector<double> eps = std::vector<double>(6, 1e-4);
+  // Step of djacobix; the application passes eps itself (so eps[0]).
+  double jacobianStep = 0.0;  // 0: use eps[0]
+  int iter1 = 1000;
+  int iter2 = 100;
+  double rs = 100.0;
+  long maxSolveCalls = 200000;
+  bool recordVisited = false;  // keep every x at which F was requested
+};
+
+struct SolveOutcome {
+  int initStatus = 0;
+  int solveStatus = 0;  // status of the last solve call
+  int rci = 0;          // request word after the last solve call
+  int iterations = 0;
+  int stopReason = 0;
+  double r1 = 0.0, r2 = 0.0;
+  std::vector<double> x;
+  long solveCalls = 0, residualCalls = 0, jacobianCalls = 0;
+  bool runaway = false;  // the loop bound was hit
+  std::vector<std::vector<double>> visited;
+  double sumOfSquares() const { return r2 * r2; }
+};
+
+SolveOutcome solveFree(TrResidualFunction f, void* data, int n, int m, std::vector<double> x0,
+                       const SolveSetup& setup = SolveSetup{});
+
+// lw and up must stay alive for the call; x0 must lie inside them.
+SolveOutcome solveBounded(TrResidualFunction f, void* data, int n, int m, std::vector<double> x0,
+                          std::vector<double> lw, std::vector<double> up,
+                          const SolveSetup& setup = SolveSetup{});
