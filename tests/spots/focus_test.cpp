@@ -1,0 +1,260 @@
+// Focus section search: histogram bins and their edges, the region contrast
+// against a straightforward version, and the search on real stack files
+// (known best section, an outlying region, rounding, the ignored time point,
+// a failing read).
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <functional>
+#include <random>
+
+#include "imsubs/imsubs.h"
+#include "spots/spots.h"
+#include "support/testutil.h"
+
+namespace {
+
+// The bins exactly as defined: every value scanned against every bin.
+void referenceHistogram(std::vector<double>& data, int numBins, std::vector<double>& centers,
+                        std::vector<double>& counts) {
+  std::sort(data.begin(), data.end());
+  double lowest = data.front(), highest = data.back();
+  if (lowest == highest) {
+    lowest = lowest - std::floor(0.5 * numBins) - 0.5;
+    highest = std::ceil(0.5 * numBins) + highest - 0.5;
+  }
+  const double width = (highest - lowest) / numBins, half = 0.5 * width;
+  std::vector<double> edges;
+  for (int i = 0; i <= numBins; ++i) {
+    edges.push_back(i * width + lowest);
+    centers.push_back(edges.back() + half);
+  }
+  centers.pop_back();
+  edges.back() = highest;
+  counts.assign(numBins, 0.0);
+  for (double v : data) {
+    if (v == edges[0]) {
+      counts[0] += 1.0;
+      continue;
+    }
+    for (int j = 0; j < numBins; ++j)
+      if (v > edges[j] && v <= edges[j + 1]) counts[j] += 1.0;
+  }
+}
+
+// The region contrast as defined, sorting histogram and all.
+std::vector<double> referenceContrast(float** s, int rows, int cols, int rd, int cd) {
+  std::vector<double> out;
+  const int rr = rows / rd, rc = cols / cd;
+  for (int i = 0; i < rd; ++i) {
+    for (int j = 0; j < cd; ++j) {
+      std::vector<double> v;
+      double mx = -1.0, mn = DBL_MAX;
+      for (int r = i * rr; r < (i + 1) * rr; ++r)
+        for (int c = j * rc; c < (j + 1) * rc; ++c) {
+          v.push_back(s[r][c]);
+          mx = std::max(mx, v.back());
+          mn = std::min(mn, v.back());
+        }
+      const double range = mx - mn;
+      if (range == 0.0) {
+        out.push_back(0.0);
+        continue;
+      }
+      const double inv = 1.0 / range;
+      for (double& p : v) p = (p - mn) * inv;
+      std::vector<double> centers, counts;
+      referenceHistogram(v, 100, centers, counts);
+      double lw = 0, ln = 0, hw = 0, hn = 0;
+      for (int b = 0; b <= 4; ++b) lw += centers[b] * counts[b], ln += counts[b];
+      for (int b = 95; b <= 99; ++b) hw += centers[b] * counts[b], hn += counts[b];
+      out.push_back((hw / hn - lw / ln) * range);
+    }
+  }
+  return out;
+}
+
+struct FloatSection {
+  int rows, cols;
+  std::vector<float> px;
+  std::vector<float*> table;
+  FloatSection(int r, int c) : rows(r), cols(c), px(std::size_t(r) * c) {
+    for (int i = 0; i < r; ++i) table.push_back(px.data() + std::size_t(i) * c);
+  }
+};
+
+}  // namespace
+
+TEST(Histgram, BinsAreOpenBelowExceptTheFirst) {
+  struct Case {
+    const char* name;
+    std::vector<double> data;
+    int numBins;
+    std::vector<double> sorted, centers, counts;
+  };
+  const std::vector<Case> cases = {
+      {"edges go to the lower bin",
+       {4, 0, 3, 1, 2},
+       4,
+       {0, 1, 2, 3, 4},
+       {0.5, 1.5, 2.5, 3.5},
+       {2, 1, 1, 1}},
+      {"inner edge", {2, 4, 0}, 2, {0, 2, 4}, {1, 3}, {2, 1}},
+      {"one common value spans numBins", {7, 7, 7}, 4, {7, 7, 7}, {5, 6, 7, 8}, {0, 0, 3, 0}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<double> data = c.data, centers, counts = {9, 9};
+    histgram(data, c.numBins, centers, counts);
+    EXPECT_EQ(data, c.sorted);
+    EXPECT_EQ(centers, c.centers);
+    EXPECT_EQ(counts, std::vector<double>(c.counts.begin(), c.counts.end()));
+  }
+  // 100 bins on one value: from v - 50.5 to v + 49.5, v in bin 50.
+  std::vector<double> data = {7, 7, 7}, centers, counts;
+  histgram(data, 100, centers, counts);
+  EXPECT_EQ(centers.front(), -43.0);
+  EXPECT_EQ(counts[50], 3.0);
+}
+
+// The bin search and the sort-free contrast must agree with the definition.
+TEST(Histgram, FastBinningMatchesTheFullScan) {
+  std::mt19937 rng(11);
+  for (int trial = 0; trial < 40; ++trial) {
+    const int numBins = trial % 2 ? 100 : 7;
+    std::vector<double> data(500 + trial * 13);
+    for (double& v : data) {
+      v = trial % 3 ? std::uniform_real_distribution<double>(-3, 1e3)(rng)
+                    : std::uniform_int_distribution<int>(0, 20)(rng) * 0.1;
+    }
+    std::vector<double> copy = data, centers, counts, refCenters, refCounts;
+    histgram(data, numBins, centers, counts);
+    referenceHistogram(copy, numBins, refCenters, refCounts);
+    EXPECT_EQ(counts, refCounts);
+    EXPECT_EQ(centers, refCenters);
+  }
+}
+
+TEST(CalculateSubRegionContrast, MatchesTheDefinitionAndIgnoresLeftovers) {
+  std::mt19937 rng(5);
+  struct Case {
+    const char* name;
+    int rows, cols;
+    std::function<float(int, int)> pixel;
+  };
+  const std::vector<Case> cases = {
+      {"noise", 67, 45, [&](int, int) { return std::poisson_distribution<int>(30)(rng); }},
+      {"fine ramp", 64, 64, [](int r, int c) { return float(r * 64 + c) * 0.37f; }},
+      {"flat regions", 32, 32, [](int r, int) { return r < 16 ? 5.0f : float(r); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    FloatSection s(c.rows, c.cols);
+    for (int r = 0; r < c.rows; ++r)
+      for (int col = 0; col < c.cols; ++col) s.table[r][col] = c.pixel(r, col);
+    std::vector<double> contrast = {-1.0};  // appended to
+    calculateSubRegionContrast(s.table.data(), c.rows, c.cols, 4, 4, contrast);
+    std::vector<double> expected = {-1.0};
+    for (double v : referenceContrast(s.table.data(), c.rows, c.cols, 4, 4)) expected.push_back(v);
+    EXPECT_EQ(contrast, expected);
+  }
+
+  // Two levels, 0 and 10, in every region: (0.995 - 0.005) x 10. Rows 16 to
+  // 18 belong to no region and are never looked at.
+  FloatSection s(19, 8);
+  for (int r = 0; r < 19; ++r)
+    for (int c = 0; c < 8; ++c) s.table[r][c] = r >= 16 ? 1e6f : (c % 2) * 10.0f;
+  std::vector<double> contrast;
+  calculateSubRegionContrast(s.table.data(), 19, 8, 4, 4, contrast);
+  ASSERT_EQ(contrast.size(), 16u);
+  for (double v : contrast) EXPECT_NEAR(v, 9.9, 1e-12);
+
+  // Smaller than the grid: empty regions count as flat.
+  contrast.clear();
+  calculateSubRegionContrast(s.table.data(), 3, 3, 4, 4, contrast);
+  EXPECT_EQ(contrast, std::vector<double>(16, 0.0));
+}
+
+namespace {
+
+constexpr int kStream = 9;
+constexpr int kRows = 64, kCols = 64;
+
+// A texture whose strength in region `region` peaks at the section `best`.
+using BestOf = std::function<int(int region, int time)>;
+
+float stackPixel(int r, int c, int z, int t, const BestOf& best) {
+  const int region = (r / (kRows / 4)) * 4 + c / (kCols / 4);
+  const double strength = 100.0 / (1.0 + std::abs(z - best(region, t)));
+  return float(50.0 + strength * (((r * 7 + c * 13) % 11) / 10.0));
+}
+
+void writeStack(const std::string& path, int nz, int nt, const BestOf& best) {
+  char mode[] = "new";
+  ASSERT_EQ(IMOpen(kStream, path.c_str(), mode), 0);
+  ASSERT_EQ(IMCrHdr2(kStream, kCols, kRows, nz, 1, nt, 0, 2), 0);
+  std::vector<float> section(kRows * kCols);
+  for (int t = 0; t < nt; ++t) {
+    for (int z = 0; z < nz; ++z) {
+      for (int r = 0; r < kRows; ++r)
+        for (int c = 0; c < kCols; ++c) section[r * kCols + c] = stackPixel(r, c, z, t, best);
+      ASSERT_EQ(IMPosnZWT(kStream, z, 0, t), 0);
+      ASSERT_EQ(IMWrSec(kStream, section.data()), 0);
+    }
+  }
+  ASSERT_EQ(IMWrHdr2(kStream, 1), 0);
+  ASSERT_EQ(IMClose(kStream), 0);
+}
+
+}  // namespace
+
+TEST(FocusSearch, FindsTheBestSectionOfAStack) {
+  struct Case {
+    const char* name;
+    int nz;
+    BestOf best;
+    int expected;
+  };
+  const std::vector<Case> cases = {
+      {"all regions agree", 9, [](int, int t) { return t == 0 ? 4 : 1; }, 4},
+      // Untrimmed, the mean of the votes would be 6.5.
+      {"one region far off is trimmed", 60, [](int region, int) { return region == 5 ? 59 : 3; },
+       3},
+      {"half-way mean rounds up", 9, [](int region, int) { return region < 8 ? 2 : 3; }, 3},
+      {"one section", 1, [](int, int) { return 0; }, 0},
+  };
+  testutil::ScratchDir dir;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = dir.file("stack.qf");
+    writeStack(path, c.nz, 2, c.best);
+    char mode[] = "ro";
+    ASSERT_EQ(IMOpen(kStream, path.c_str(), mode), 0);
+    // Time point 1 has another best section; asking for it changes nothing.
+    std::vector<float> section(kRows * kCols, -1.0f);
+    int focusIndex = -1;
+    getFocusImagePerChannel(kStream, 0, 1, c.nz, kRows, kCols, 4, 4, section.data(), &focusIndex);
+    EXPECT_EQ(focusIndex, c.expected);
+    EXPECT_EQ(section[5 * kCols + 9], stackPixel(5, 9, c.expected, 0, c.best));
+    EXPECT_EQ(getFocusImageIndexPerChannel(kStream, 0, 0, c.nz, kRows, kCols, 4, 4), c.expected);
+    IMClose(kStream);
+  }
+}
+
+TEST(FocusSearchDeathTest, FailingReadEndsTheRun) {
+  testutil::ScratchDir dir;
+  const std::string path = dir.file("stack.qf");
+  writeStack(path, 3, 1, [](int, int) { return 1; });
+  char mode[] = "ro";
+  ASSERT_EQ(IMOpen(kStream, path.c_str(), mode), 0);
+  std::vector<float> section(kRows * kCols);
+  int focusIndex = -1;
+  // Channel 1 does not exist.
+  EXPECT_EXIT(
+      getFocusImagePerChannel(kStream, 1, 0, 3, kRows, kCols, 4, 4, section.data(), &focusIndex),
+      testing::ExitedWithCode(1), "getFocusImageIndexPerChannel:  IMPosnZWT failed.\n$");
+  IMClose(kStream);
+}
