@@ -238,3 +238,73 @@ int IMCalcDen(float const* image, int width, int height, int firstColumn, int la
 int IMInterp();
 int IMClLim(int iStream);
 int IMRtExt(int iStream);
+
+// ---------------------------------------------------------------------------
+// Extended header: shape, records and values. `ints` and `floats` are sized
+// by the caller for one whole record.
+
+// The type; a stored 0 is judged from the record shape for image types 0,
+// 1, 3 and 100.
+int IMRtExHdrType(int iStream, int* type);
+int IMRtExHdrInfo(int iStream, int* type, int* size, int* ints, int* floats);
+// 704 and zero counts when the block is 3 bytes or less.
+int IMRtExHdrSize(int iStream, int* ints, int* floats);
+// Sets type and shape; with `allocate`, a zeroed block for `sections`.
+int IMAlExHdrType(int iStream, int type, int allocate, int sections);
+// IMAlExHdrSize2 with one block of room for named fields.
+int IMAlExHdrSize(int iStream, int ints, int floats, int sections);
+// Sets type, size and counts as given; a non-zero size replaces the block.
+int IMAlExHdrInfo(int iStream, int type, int size, int ints, int floats);
+// One section's record by coordinate; these two require an open stream.
+int IMRtExHdrZWTP(int iStream, int iz, int iw, int it, int ip, int* ints, float* floats);
+int IMAlExHdrZWTP(int iStream, int iz, int iw, int it, int ip, int const* ints,
+                  float const* floats);
+int IMRtExHdrZWT(int iStream, int iz, int iw, int it, int* ints, float* floats);
+int IMAlExHdrZWT(int iStream, int iz, int iw, int it, int const* ints, float const* floats);
+// The same by section number.
+int IMRtExHdr(int iStream, int sec, int* ints, float* floats);
+int IMAlExHdr(int iStream, int sec, int const* ints, float const* floats);
+// One value of a record by value number (see the value table of the type).
+int IMRtExHdrValueZWTP(int iStream, int iz, int iw, int it, int ip, int valueId, double* value);
+int IMAlExHdrValueZWTP(int iStream, int iz, int iw, int it, int ip, int valueId, double value);
+int IMRtExHdrValueZWT(int iStream, int iz, int iw, int it, int valueId, double* value);
+int IMAlExHdrValueZWT(int iStream, int iz, int iw, int it, int valueId, double value);
+// Copies one record, or the records of a sub-stack and the named fields,
+// from stream `src` to stream `dst`.
+int IMTrExHdr(int dst, int src, int dstSection, int srcSection);
+int IMTrExHdr4(int dst, int src, int zFirst, int zLast, int zStep, int const* waveFlags,
+               int numWaves, int tFirst, int tLast, int tStep, int pFirst, int pLast);
+int IMTrExHdr3(int dst, int src, int zFirst, int zLast, int zStep, int const* waveFlags,
+               int numWaves, int tFirst, int tLast, int tStep);
+int IMTrExHdr2(int dst, int src, int zFirst, int zLast, int zStep, int const* waveFlags,
+               int tFirst, int tLast, int tStep);
+
+// ---------------------------------------------------------------------------
+// Named fields: a small dictionary kept as text behind the records. Names
+// have at most 63 characters and are matched ignoring case on lookup. Memory
+// handed out by the get calls belongs to the caller, who releases it with
+// IMFreeFieldContentsPtr.
+
+// Bytes the field section may take (recomputed), and what is left of them.
+int IMRtFieldHdrSizeMax(int iStream);
+int IMRtFieldHdrSpace(int iStream);
+// A NUL-ended copy of the field section's text up to its terminator.
+int IMRtFieldHdr(int iStream, char** text, int* size);
+int IMRtNumFields(int iStream);
+int IMFindFieldNum(int iStream, char const* name, int* index);
+// Re-reads the field section first, forgetting unwritten stores.
+int IMRtField(int iStream, char const* name, char** value, char* type, int* size);
+int IMRtFieldNum(int iStream, int index, char** name, char* type, int* size, char** value);
+int IMRtFieldBinary(int iStream, char const* name, char** data, int* size);
+int IMRtFieldChar(int iStream, char const* name, char** text);
+int IMRtFieldDouble(int iStream, char const* name, double* value);
+int IMRtFieldFloat(int iStream, char const* name, float* value);
+int IMRtFieldInt(int iStream, char const* name, int* value);
+// Stores a field of type 'b', 'c', 'd', 'f' or 'i'; `size` counts for 'b'.
+int IMAlField(int iStream, char const* name, void const* value, char type, int size);
+int IMAlFieldBinary(int iStream, char const* name, void const* data, int size);
+int IMAlFieldChar(int iStream, char const* name, char const* text);
+int IMAlFieldInt(int iStream, char const* name, int value);
+int IMAlFieldDouble(int iStream, char const* name, double value);
+int IMAlFieldFloat(int iStream, char const* name, float value);
+int IMFreeFieldContentsPtr(void* pointer);

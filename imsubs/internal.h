@@ -310,3 +310,7 @@ int iReplaceExtHdrBlock(IMStreamRecord* record, int size);
 // 1 for a null record (fields.cpp).
 int iReplaceOrAddCharField(IMStreamRecord* record, char const* name, char const* value, char type,
                            int size);
+
+// Window stubs of the header transfer; always 0.
+int iTransferWinPositionToStructure(IMStreamRecord* record);
+int iTransferStructureToWinHeader(IMStreamRecord* record);
