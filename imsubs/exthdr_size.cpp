@@ -110,8 +110,8 @@ int IMAlExHdrSize2(int iStream, int ints, int floats, int sections, int blocks) 
     std::fprintf(stderr, "IMAlExHdrSize2 %d: extended header memory allocation error.\n", iStream);
     return 902;
   }
+  record->iExtHdrSize = static_cast<int>(size);
   if (size > 0) {
-    record->iExtHdrSize = static_cast<int>(size);
     if (!allocateBlock(record, record->iExtHdrSize)) {
       std::fprintf(stderr, "IMAlExHdrSize2 %d: extended header memory allocation error.\n",
                    iStream);
