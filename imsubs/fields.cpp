@@ -121,13 +121,16 @@ int takeUntil(unsigned char const* text, int end, int* pos, unsigned char stop, 
   return n;
 }
 
-// Parses the field that starts at *pos into entry `index`. 0 or the code.
-int parseField(IMStreamRecord* r, unsigned char const* text, int end, int* pos, int index) {
+// Parses the field that starts at *pos into entry `index`. 0 or the code;
+// *grown tells whether the arrays were made to hold the entry.
+int parseField(IMStreamRecord* r, unsigned char const* text, int end, int* pos, int index,
+               bool* grown) {
   char name[kNameChars + 1];
   int const nameLength = takeUntil(text, end, pos, ',', kNameChars, name);
   if (nameLength < 0) return 721;
   if (nameLength == kNameChars) return 736;
   if (!growArrays(r, index)) return 724;
+  *grown = true;
   r->ppFieldNames[index] = strdup(name);
 
   if (*pos >= end) return 722;
@@ -213,10 +216,11 @@ int iReadAllFields(int iStream, void* /*unused*/) {
   int count = 0;
   int pos = 0;
   while (pos < end) {
-    int const result = parseField(r, text, end, &pos, count);
+    bool grown = false;
+    int const result = parseField(r, text, end, &pos, count, &grown);
     if (result != 0) {
       // The count stays 0; what was parsed is released, the arrays kept.
-      releaseEntries(r, count + 1);
+      releaseEntries(r, grown ? count + 1 : count);
       return result;
     }
     ++count;
