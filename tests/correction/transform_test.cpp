@@ -124,18 +124,6 @@ TEST(ImageTransformTest, WholeNumberIdentityCopiesBitForBit) {
   EXPECT_TRUE(sameBits(transform(input, params({6.0, 4.0, 1.0, 1.0}), 1, 1), input));
 }
 
-TEST(ImageTransformTest, WholeNumberShiftMovesPixelsAndBlacksTheRest) {
-  Section input = noise(6, 8, 11);
-  // Pixel (x, y) is read from (x + 2, y + 1).
-  Section output = transform(input, params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, 2.0, 1.0}), 1, 0);
-  for (int y = 0; y < 6; ++y) {
-    for (int x = 0; x < 8; ++x) {
-      const bool inside = x + 2 < 8 && y + 1 < 6;
-      EXPECT_EQ(output.at(y, x), inside ? input.at(y + 1, x + 2) : 0.0) << x << "," << y;
-    }
-  }
-}
-
 TEST(ImageTransformTest, EmptySectionLeavesOutputUntouched) {
   for (auto [numRows, numCols] : {std::pair{0, 5}, std::pair{3, 0}, std::pair{-1, -1}}) {
     Section input(3, 5, 1.0);
