@@ -95,9 +95,12 @@ void decodeCounts(IMStreamRecord* record) {
     if (bigTimes > record->iNumT) record->iNumT = bigTimes;
   }
   // The product is taken wide so that hostile counts can neither overflow
-  // nor divide by zero; every factor is at least 1 here.
-  int64_t const perZ = int64_t{record->iNumT} * record->iNumW * record->iNumP;
-  record->iNumZ = static_cast<int>(record->iNumSecs / perZ);
+  // nor divide by zero; every factor is at least 1 here. A product beyond 64
+  // bits exceeds any section count, so Z is then 0.
+  int64_t perZ = 0;
+  bool const overflow =
+      __builtin_mul_overflow(int64_t{record->iNumT} * record->iNumW, record->iNumP, &perZ);
+  record->iNumZ = overflow ? 0 : static_cast<int>(record->iNumSecs / perZ);
 }
 
 void decodeGeometry(IMStreamRecord* record) {
