@@ -51,7 +51,7 @@ inline void residualTwoDimension(int*, int*, double* x, double* f, void* data) {
   }
 }
 
-// Portable fixed-seed draws: the engine is fully specified by the standard,
+// Portable fixed-seed draws: the engine is fully defined by the C++ standard,
 // the transforms are written here.
 class Draws {
  public:
