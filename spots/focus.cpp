@@ -119,7 +119,10 @@ int trimmedMeanVote(std::vector<int> votes) {
 
 void binValues(const double* values, std::size_t count, double lowest, double highest, int numBins,
                std::vector<double>& binCenters, std::vector<double>& binCounts) {
-  assert(numBins > 0);
+  if (numBins <= 0) {  // no bins, nothing to count
+    binCounts.clear();
+    return;
+  }
   if (lowest == highest) {
     // One common value: a span numBins wide, so that every bin is 1.0 wide.
     lowest = lowest - std::floor(0.5 * numBins) - 0.5;
@@ -135,10 +138,11 @@ void binValues(const double* values, std::size_t count, double lowest, double hi
   edges[numBins] = highest;
   binCounts.assign(numBins, 0.0);
 
-  // The arithmetic guess needs edges in order; they are, unless the span
-  // overflowed or held a NaN, and then every value is scanned against every
-  // bin as the definition reads.
-  const bool ordered = std::is_sorted(edges.begin(), edges.end());
+  // The arithmetic guess needs finite edges in order; they are, unless the
+  // span overflowed or held a NaN, and then every value is scanned against
+  // every bin as the definition reads.
+  const bool ordered = std::isfinite(lowest) && std::isfinite(highest) && std::isfinite(width) &&
+                       std::is_sorted(edges.begin(), edges.end());
   for (std::size_t k = 0; k < count; ++k) {
     const double v = values[k];
     if (ordered) {
@@ -212,12 +216,15 @@ void calculateSubRegionContrast(float** section, int numRows, int numCols, int r
 
 int getFocusImageIndexPerChannel(int stream, int channel, int time, int numZ, int numRows,
                                  int numCols, int rowDivisions, int columnDivisions) {
+  assert(numRows >= 0 && numCols >= 0);
   const std::size_t pixels = static_cast<std::size_t>(numRows) * static_cast<std::size_t>(numCols);
   std::vector<float> buffer(pixels);
   std::vector<float*> rows(numRows);
   for (int r = 0; r < numRows; ++r) rows[r] = buffer.data() + static_cast<std::size_t>(r) * numCols;
 
-  const int numRegions = rowDivisions * columnDivisions;
+  // A grid without rows or columns has no region and measures nothing.
+  const int numRegions =
+      rowDivisions > 0 && columnDivisions > 0 ? rowDivisions * columnDivisions : 0;
   std::map<int, std::vector<double>> series;
   for (int region = 0; region < numRegions; ++region) series[region].reserve(numZ);
   std::vector<double> contrast;
