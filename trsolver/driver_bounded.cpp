@@ -11,7 +11,9 @@ constexpr double INTERIOR_FACTOR = 0.99995;
 
 struct BoundedFamily {
   static double* scaledX(TrStateBounded* st) { return st->scaling; }
-  // iter2 and eps[5] are not read by this family.
+  // iter2 and eps[5] are not read by this family. The shift it leaves in
+  // lambda belongs to the scaled subproblem while the ratio takes snorm and
+  // jsnorm of the final step in x units: the two mix units, as intended.
   static int64_t solveStep(const trs_driver::DriverRun<TrStateBounded>& run) {
     TrStateBounded* st = run.st;
     int64_t status = 0;

@@ -15,7 +15,9 @@ constexpr double RS_MAX = 100.0;
 constexpr double RS_DEFAULT = 100.0;
 
 // The tests reject values at or under zero (eps) and outside [0, 100] (rs),
-// so a NaN passes both, as intended.
+// so a NaN passes both, as intended. eps[4] and eps[5] are checked here and
+// drive nothing afterwards: intended, making them active would change when
+// fits stop.
 bool argumentsValid(int64_t n, int64_t m, const double* eps, int64_t iter1, int64_t iter2,
                     double rs) {
   if (n <= 0 || m <= 0 || iter1 <= 0 || iter2 <= 0) return false;

@@ -315,3 +315,23 @@ TEST(FeasibleStep, WholeStep) {
     EXPECT_LT(0.5 + run.s[0], 1.0);
   }
 }
+
+// A matrix that is not positive definite, NaN included, fails the
+// factorisation with its first bad pivot; the shift loops rely on that.
+TEST(StepComputation, FactorisationReportsTheFailedPivot) {
+  struct Row {
+    const char* name;
+    std::vector<double> a;  // 2 x 2 by columns
+    int64_t pivot;
+  };
+  const std::vector<Row> rows = {
+      {"positive definite", {4, 2, 2, 3}, 0},  {"singular", {1, 1, 1, 1}, 2},
+      {"negative diagonal", {-1, 0, 0, 1}, 1}, {"NaN", {NaN, 0, 0, 1}, 1},
+      {"NaN later", {1, 0, 0, NaN}, 2},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    std::vector<double> a = r.a;
+    EXPECT_EQ(trs_factorise(2, a.data()), r.pivot);
+  }
+}
