@@ -143,26 +143,49 @@ void narrowAs(float const* in, T* out, int count, int type, ClampCounts& counts)
   }
 }
 
-// The fast path of the truncating rule for the 8- and 16-bit types, kept
-// free of branches so that it vectorises; proven against narrowOne in tests.
+// The fast loops also get a clone for wider vector units, chosen at run
+// time by the processor, where the compiler supports that.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
+#define IM_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define IM_VECTOR_CLONES
+#endif
+
+// Pixels per step of the fast loops: a fixed count lets the compiler turn
+// each step into vector instructions with no scalar remainder.
+constexpr int kLanes = 16;
+
+// One pixel of the fast truncating path; counts into lo and hi.
 template <typename T>
-void narrowTruncatingSmall(float const* in, T* out, int count, int type, ClampCounts& counts) {
+inline __attribute__((always_inline)) T narrowClampedSmall(float v, float floor, float ceiling,
+                                                           int& lo, int& hi) {
+  lo += v < floor;
+  hi += v > ceiling;
+  float clamped = v < floor ? floor : v;
+  clamped = clamped > ceiling ? ceiling : clamped;
+  clamped = clamped == clamped ? clamped : 0.0f;  // NaN stores 0, as INT32_MIN narrowed
+  return static_cast<T>(static_cast<int32_t>(clamped));
+}
+
+// The fast path of the truncating rule for the 8- and 16-bit types, free of
+// branches so that it vectorises; proven against a reference in the tests.
+template <typename T>
+IM_VECTOR_CLONES void narrowTruncatingSmall(float const* in, T* out, int count, int type,
+                                            ClampCounts& counts) {
   ClampLimits const limits = limitsOf(type);
-  float const lo = static_cast<float>(limits.floor);
-  float const hi = static_cast<float>(limits.ceilingTest);
-  int nLow = 0;
-  int nHigh = 0;
-  for (int i = 0; i < count; ++i) {
-    float const v = in[i];
-    nLow += v < lo;
-    nHigh += v > hi;
-    float clamped = v < lo ? lo : v;
-    clamped = clamped > hi ? hi : clamped;
-    clamped = clamped == clamped ? clamped : 0.0f;  // NaN stores 0, as INT32_MIN narrowed
-    out[i] = static_cast<T>(static_cast<int32_t>(clamped));
+  float const floor = static_cast<float>(limits.floor);
+  float const ceiling = static_cast<float>(limits.ceilingTest);
+  int lo = 0;
+  int hi = 0;
+  int i = 0;
+  for (; i + kLanes <= count; i += kLanes) {
+    for (int j = 0; j < kLanes; ++j) {
+      out[i + j] = narrowClampedSmall<T>(in[i + j], floor, ceiling, lo, hi);
+    }
   }
-  counts.lo += nLow;
-  counts.hi += nHigh;
+  for (; i < count; ++i) out[i] = narrowClampedSmall<T>(in[i], floor, ceiling, lo, hi);
+  counts.lo += lo;
+  counts.hi += hi;
 }
 
 // Narrows floats to the file type into `out` (bytes of the file type).
@@ -199,9 +222,13 @@ void narrowToFileType(float const* in, void* out, int count, int type, ClampCoun
 // Converts `count` stored pixels of a widened type to floats; the two
 // buffers must not overlap.
 template <typename T>
-void widenAs(void const* in, float* out, int count) {
+IM_VECTOR_CLONES void widenAs(void const* in, float* out, int count) {
   T const* src = static_cast<T const*>(in);
-  for (int i = 0; i < count; ++i) out[i] = static_cast<float>(src[i]);
+  int i = 0;
+  for (; i + kLanes <= count; i += kLanes) {
+    for (int j = 0; j < kLanes; ++j) out[i + j] = static_cast<float>(src[i + j]);
+  }
+  for (; i < count; ++i) out[i] = static_cast<float>(src[i]);
 }
 void widenToFloat(int type, void const* in, float* out, int count) {
   switch (type) {
