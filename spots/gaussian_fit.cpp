@@ -104,7 +104,8 @@ int solveUnconstrained(TrResidualFunction objective, double* x, double* fvec, do
   return 0;
 }
 
-// The buffers and start of one-dimensional fit; returns the solver's result.
+// Fits the one-dimensional Gaussian to a profile from the start in x, with
+// residual and Jacobian buffers of its own. Returns the wrapper's result.
 int fitProfile(std::vector<double>& values, std::vector<int>& positions, double* x, double* eps) {
   const int m = static_cast<int>(values.size());
   std::vector<double> fvec(m), fjac(static_cast<std::size_t>(m) * kParamsOneDimension);
@@ -184,6 +185,7 @@ int fitPoint(double** image, int numRows, int numCols, int row, int col, double*
   const int colEnd = std::min(peakCol + kFitHalfWidth, numCols - 1);
   const int winRows = rowEnd - rowStart + 1;
   const int winCols = colEnd - colStart + 1;
+  assert(winRows > 0 && winCols > 0);  // the peak lies inside the window
   std::vector<double> window(static_cast<std::size_t>(winRows) * winCols);
   for (int r = 0; r < winRows; ++r) {
     std::copy(image[rowStart + r] + colStart, image[rowStart + r] + colEnd + 1,
