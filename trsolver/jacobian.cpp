@@ -12,6 +12,12 @@ namespace {
 
 constexpr std::size_t JACOBIAN_ALIGNMENT = 64;
 
+// Below this many residual values per Jacobian (m x n) the columns run on one
+// thread: waking a team costs more than a spot-sized problem takes, and on a
+// busy machine spinning threads turn a 0.3 ms fit into a 100 ms one. The
+// result is the same either way; only the speed differs.
+constexpr int64_t PARALLEL_MIN_WORK = 1 << 16;
+
 // Forward and backward values of parameter v and the divisor of their
 // difference: relative to v with its sign when |v| exceeds h, absolute
 // otherwise (|v| equal to h counts as small).
@@ -42,7 +48,7 @@ int trs_djacobix(TrResidualFunction fcn, int64_t n, int64_t m, double* fjac, con
   const double h = eps[0];
   if (n < 1 || h <= 0.0) return TRS_BAD_ARGUMENT;
 
-  const int threads = omp_get_max_threads();
+  const int threads = m * n >= PARALLEL_MIN_WORK ? omp_get_max_threads() : 1;
   Blocks b;
   const std::size_t tm = static_cast<std::size_t>(threads) * static_cast<std::size_t>(m);
   const std::size_t tn = static_cast<std::size_t>(threads) * static_cast<std::size_t>(n);

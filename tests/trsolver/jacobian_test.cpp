@@ -103,14 +103,20 @@ void recording(int* m, int* n, double* x, double* f, void* data) {
   for (int i = 0; i < *m; ++i) f[i] = std::sin(x[i % *n]) * (i + 1);
 }
 
+// A residual with enough values to be split between threads.
+void wideResidual(int* m, int* n, double* x, double* f, void*) {
+  for (int i = 0; i < *m; ++i) f[i] = std::sin(x[i % *n] * (i + 1)) + x[(i + 1) % *n] * x[i % *n];
+}
+
 }  // namespace
 
 TEST(NumericalJacobian, TwoCallsPerColumnNeverAtX) {
   ThreadCount restore;
   omp_set_num_threads(3);
   std::vector<double> x = {0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7};
-  int n = 7, m = 9;
-  std::vector<double> jac(m * n);
+  // Large enough (m x n) that the columns are shared out between threads.
+  int n = 7, m = 10000;
+  std::vector<double> jac(static_cast<size_t>(m) * n);
   Recorder rec;
   rec.x = x.data();
   rec.n = n;
@@ -142,6 +148,7 @@ TEST(NumericalJacobian, BitIdenticalForAnyThreadCount) {
   const std::vector<Case> cases = {
       {"2-D spot", spotmodels::residualTwoDimension, &spot, 6, 361, {9.0, 1.5, 9.0, 1.5, 800, 90}},
       {"Osborne 2", osborne.residual, nullptr, osborne.n, osborne.m, osborne.start},
+      {"wide", wideResidual, nullptr, 9, 20000, {0.1, -0.2, 0.3, 1e-9, 0.0, 2.0, -3.0, 0.7, 1e3}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
