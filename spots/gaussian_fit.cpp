@@ -191,6 +191,10 @@ int fitPoint(double** image, int numRows, int numCols, int row, int col, double*
     std::copy(image[rowStart + r] + colStart, image[rowStart + r] + colEnd + 1,
               window.begin() + static_cast<std::ptrdiff_t>(r) * winCols);
   }
+  // The solver's factorisation retries without end on a NaN Jacobian, so a
+  // window holding a non-finite pixel is never handed to it: no spot here.
+  if (!std::all_of(window.begin(), window.end(), [](double v) { return std::isfinite(v); }))
+    return 1;
 
   const double peak = *std::max_element(window.begin(), window.end());
   double moments[5];

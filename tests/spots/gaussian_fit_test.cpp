@@ -111,6 +111,9 @@ TEST(FitPoint, FailsWithoutPeakOrSolverAndLeavesOutputsUnchanged) {
   };
   Plane narrow(30, 3, 10.0), flat(3, 30, 10.0);
   narrow.at(15, 1) = flat.at(1, 15) = 100.0;
+  Plane withNan(30, 30, 10.0);
+  withNan.at(15, 15) = 100.0;
+  withNan.at(17, 12) = std::nan("");
   std::vector<Case> cases = {
       {"too narrow for the row fit", narrow, 15, 1, "error in dtrnlsp_init\n"},
       // The row fit succeeds; the column of 3 cannot be fitted.
@@ -118,6 +121,8 @@ TEST(FitPoint, FailsWithoutPeakOrSolverAndLeavesOutputsUnchanged) {
       {"no pixel above -1.0", Plane(30, 30, -2.0), 15, 15, ""},
       {"position far off the image", Plane(30, 30, 5.0), 100, 100, ""},
       {"empty image", Plane(0, 0), 0, 0, ""},
+      // Would otherwise hang the solver's factorisation.
+      {"NaN pixel in the fit window", withNan, 15, 15, ""},
   };
   for (Case& c : cases) {
     SCOPED_TRACE(c.name);
