@@ -219,6 +219,7 @@ TEST_F(ExtendedHeaderTest, RecordGuards) {
   // Records that would run past the block are reported, not written there.
   IMStreamRecord* r = record(1);
   r->iNumExtFloats = 400;
+  fv.assign(400, 0.0f);  // callers size their buffers for a whole record
   CaptureStderr();
   EXPECT_EQ(IMAlExHdrZWT(1, 1, 0, 0, iv.data(), fv.data()), 707);
   EXPECT_EQ(IMRtExHdrZWT(1, 1, 0, 0, iv.data(), fv.data()), 707);
