@@ -317,6 +317,8 @@ IMStreamRecord* prepareRecord(int iStream, char const* name) {
                  static_cast<int>(getpid()), iStream, name != nullptr ? name : "");
     // The old file handle is neither closed nor flushed: the record just
     // gets a new one, as designed.
+    record->pFile = nullptr;
+    record->iFileDesc = 0;
     std::free(record->pName);
     record->pName = nullptr;
     std::free(record->pHeader);

@@ -343,3 +343,98 @@ TEST_F(ImsubsStream, RetryRuleCountsElevenCalls) {
 
 }  // namespace
 }  // namespace imtest
+
+namespace imtest {
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+class ImsubsStreamMore : public ImsubsTest {};
+
+TEST_F(ImsubsStreamMore, VerboseVariableIsAnnouncedOnceAtTheFirstOpen) {
+  std::string const out = file("stdout");
+  std::string const stack = file("v");
+  // In a child process, so that the first open of the process can be had.
+  EXPECT_EXIT(
+      {
+        std::freopen(out.c_str(), "w", stdout);
+        setenv("IMSUBS_VERBOSE", "0", 1);
+        giLibNeedsInit = 1;
+        IMOpen(1, stack.c_str(), "new");
+        IMOpen(2, stack.c_str(), "new");
+        std::fflush(stdout);
+        std::string const text = testutil::readFile(out);
+        bool const once = text == "IMAlVerboseMode: verbose mode is always on.\n";
+        std::_Exit(once && giVerboseMode == 0 ? 7 : 1);
+      },
+      testing::ExitedWithCode(7), "");
+}
+
+TEST_F(ImsubsStreamMore, NamelessStreamHasNoHeaderAndStaysInTheTable) {
+  CaptureStderr();
+  EXPECT_EQ(IMOpen(11, "", "ro"), 106);
+  EXPECT_EQ(GetCapturedStderr(),
+            "IMRtStreamTypeFromName: invalid stream name.\n"
+            "IMOpen 11: critical SW error. Header is NULL.\n");
+  ASSERT_NE(record(11), nullptr);
+  EXPECT_EQ(record(11)->iStreamType, 504);
+  float pixel = 0;
+  EXPECT_EQ(IMRdSec(11, &pixel), 0);  // not a file: nothing to do
+  EXPECT_EQ(IMPosn(11, 3, 0), 0);
+}
+
+TEST_F(ImsubsStreamMore, ReadOnlyFileIsNeverModified) {
+  RawHeader h;
+  h.basic(2, 2, 2, 1, 1, 2, 100);
+  std::vector<unsigned char> bytes = h.bytes;
+  for (int i = 0; i < 32; ++i) bytes.push_back(static_cast<unsigned char>(i));
+  writeBytes(file("ro"), bytes);
+  for (char const* attrib : {"ro", "ro_unbuffered"}) {
+    ASSERT_EQ(IMOpen(12, file("ro").c_str(), attrib), 0);
+    float pixels[4] = {9, 9, 9, 9};
+    CaptureStderr();
+    EXPECT_EQ(IMWrHdr2(12, 0), 209);
+    EXPECT_EQ(IMPosn(12, 1, 0), 0);
+    EXPECT_EQ(IMWrSec(12, pixels), 213);
+    std::string const err = GetCapturedStderr();
+    EXPECT_NE(err.find("IMWrHdr2 12: only 0 bytes written to header.\n"), std::string::npos);
+    EXPECT_NE(err.find("IMWrSec 12: incorrect number of pixels written.\n"), std::string::npos);
+    EXPECT_EQ(IMFileSync(12), attrib[2] == '\0' ? 0 : 1);
+    ASSERT_EQ(IMClose(12), 0);
+    EXPECT_EQ(readBytes(file("ro")), bytes) << attrib;
+  }
+}
+
+TEST_F(ImsubsStreamMore, ShortReadsTellTheEndOfFileByAccessPath) {
+  RawHeader h;
+  h.basic(4, 1, 2, 1, 1, 2, 100);
+  std::vector<unsigned char> bytes = h.bytes;
+  bytes.resize(1024 + 16 + 6);
+  writeBytes(file("end"), bytes);
+  struct Case {
+    char const* attrib;
+    std::string firstLines;
+  };
+  Case const cases[] = {
+      {"ro", "IMRdSec 13: only 1 pixels read (EOF=1).\n"},
+      {"ro_unbuffered",
+       "iStreamFileRead: too many retries (11), only 1 elements read...\n"
+       "iStreamFileEOF() is unavailable with unbuffered file IO.\n"
+       "IMRdSec 13: only 1 pixels read (EOF=0).\n"},
+  };
+  for (Case const& c : cases) {
+    ASSERT_EQ(IMOpen(13, file("end").c_str(), c.attrib), 0);
+    ASSERT_EQ(IMPosn(13, 1, 0), 0);
+    float section[4];
+    CaptureStderr();
+    EXPECT_EQ(IMRdSec(13, section), 212);
+    std::string const err = GetCapturedStderr();
+    EXPECT_EQ(err.substr(0, c.firstLines.size()), c.firstLines) << c.attrib;
+    EXPECT_EQ(err.substr(c.firstLines.size(), 8), "        ");
+    ASSERT_EQ(IMClose(13), 0);
+  }
+}
+
+}  // namespace
+}  // namespace imtest
