@@ -109,7 +109,86 @@ void calculateError(const std::vector<CorvanePoint2D>& first,
                     const std::vector<CorvanePoint2D>& second, double* meanError,
                     double* errorDeviation);
 
+// ---------------------------------------------------------------------------
+// Base model fitting (radial, or linear with the linear flag).
+
+// What the solver hands to the objective: the reference spots, the same spots
+// in the channel's own frame, and the model to carry the first onto the second.
+struct ParameterFinderData {
+  int linearFlag;
+  std::vector<CorvanePoint2D> sourcePoints;
+  std::vector<CorvanePoint2D> targetPoints;
+};
+
+// One pass of the channel fit: pairs the spots of `image` (the channel warped
+// by the present model) with those of `reference`, drops the pairs whose
+// direction contradicts the present model, fits the base model inside its
+// bounds starting from `parameters`, and measures the fit in the reference
+// frame. `parameters` (20 doubles) is read and updated in place; *meanError
+// and *errorDeviation are written only when the pass gets to the measurement.
+void fittingProcess(double** image, double** reference, int numRows, int numCols, int linearFlag,
+                    double* parameters, double* meanError, double* errorDeviation);
+
+// Residual i is the distance from source point i, carried through the
+// candidate model `x` (*n values), to target point i. `data` points to a
+// ParameterFinderData. Safe on several threads at once.
+void calculateObjectiveFunctionParameterFinder(int* m, int* n, double* x, double* f, void* data);
+
+// Drives the bounded trust-region solver on the objective above. `x` holds
+// the start and receives the result; fvec has room for m doubles, fjac for
+// m * n, eps holds six precisions, lw and up n bounds each. Returns 0, or 1
+// after printing the failing call and "Calibration may be inaccurate".
+int nonLinearLeastSquareOptimizationParameterFinder(double* x, double* fvec, double* fjac,
+                                                    double* lw, double* up, double* eps, int m,
+                                                    int n, void* data);
+
+// ---------------------------------------------------------------------------
+// High-order model fitting.
+
+// Refines the best base model in `parameters` by a second-order polynomial
+// per axis, fitted to what the base model leaves over at each reference spot
+// of the unwarped channel section `image`; writes elements 8 to 19 and, when
+// the corrected section still pairs, overwrites both errors.
+void fittingProcessHighOrder(double** image, double** reference, int numRows, int numCols,
+                             int linearFlag, double* parameters, double* meanError,
+                             double* errorDeviation);
+
+// Least-squares polynomial of total order `order` in (x, y) through z, by a
+// pseudo-inverse with an absolute cut-off on the singular values of the
+// scaled design. `coefficients` receives numTerms values in the order
+// (i, j) = (0,0), (0,1), ... with x to the power i and y to the power j, and
+// is written only on success. Returns 0 on success, 1 when there is nothing to
+// fit (no point, or x, y or z all zero), or the decomposition's positive code.
+int fit2dPolySVD(const double* x, const double* y, const double* z, int order, double* coefficients,
+                 int numPoints, int numTerms);
+
+// ---------------------------------------------------------------------------
+// Calibration driver.
+
 // Opens the calibration stack on stream 1, measures every channel against the
 // reference channel and writes the alignment parameter file at the very end.
 void performCalibration(char* pathInput, char* pathOutput, int referenceChannelIndex,
                         int numIteration, double errThreshold, int linearFlag, int highOrderFlag);
+
+// Calibrates every channel of the open `stream` but the reference one and
+// appends one row per channel, then the final row describing the stack. Every
+// failure prints its lines, closes the stream and ends the process.
+void performCalibrationPerFile(int stream, int referenceChannelIndex, int numIteration,
+                               double errThreshold, int linearFlag, int highOrderFlag,
+                               std::vector<std::vector<double>>& rows);
+
+// Brings one channel's prepared focus section onto the reference section:
+// repeated fits, each on the channel warped by the fit before, then the best
+// pass, then optionally the high-order stage. `parameters` comes in with its
+// start values and goes out with the result; `channelRows` is not changed.
+void performCalibrationPerChannel(double** channelRows, double** referenceRows, int numRows,
+                                  int numCols, int numIteration, double errThreshold,
+                                  int linearFlag, int highOrderFlag, double* parameters,
+                                  double* meanError, double* errorDeviation);
+
+// Reads size, counts and spacings of the stack on `stream`; rows come before
+// columns here. A failing read prints its lines, closes the stream and ends
+// the process.
+void calibrationReadInputFileHeader(int stream, int* numRows, int* numCols, int* numZ,
+                                    int* numChannels, int* numTimes, float* spacingX,
+                                    float* spacingY, float* spacingZ);
