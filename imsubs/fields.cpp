@@ -423,7 +423,8 @@ int IMRtFieldNum(int iStream, int index, char** name, char* type, int* size, cha
   char const* stored = r->ppFieldContents[index];
   if (stored == nullptr) return 726;
   int const fieldSize = r->pFieldSizes[index];
-  if (name != nullptr) *name = strdup(r->ppFieldNames[index]);
+  char const* storedName = r->ppFieldNames[index];
+  if (name != nullptr && storedName != nullptr) *name = strdup(storedName);
   if (type != nullptr) *type = r->pFieldTypes[index];
   if (size != nullptr) *size = fieldSize;
   if (value != nullptr) {
