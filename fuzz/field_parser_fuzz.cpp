@@ -1,9 +1,12 @@
 // Fuzz target of the named field parser: any bytes placed in a field section
 // must parse or fail with a code, never crash; a section that parses must
 // survive a rebuild and a second parse unchanged; every get call must cope
-// with whatever the parse left behind.
+// with whatever the parse left behind. A second phase stores fields chosen
+// by the input into the same small block, so that rebuilds run over full
+// and overfull sections.
 //
 // Built outside the main build by scripts/fuzz-build.sh with libFuzzer.
+#include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -92,6 +95,42 @@ void exerciseGetCalls() {
   IMRtFieldHdrSpace(kStream);
 }
 
+// Stores a few fields picked by the input, rebuilds the section and parses
+// it again; only crashes and sanitizer reports count here.
+void storeRebuildAndParse(uint8_t const* data, size_t size) {
+  constexpr int kMaxStores = 8;
+  constexpr size_t kMaxNameLength = 70;  // past the 63 a name may have
+  constexpr size_t kMaxValueLength = 200;
+  FuzzedDataProvider input(data, size);
+  int const stores = input.ConsumeIntegralInRange(0, kMaxStores);
+  for (int i = 0; i < stores; ++i) {
+    std::string const name = input.ConsumeRandomLengthString(kMaxNameLength);
+    switch (input.ConsumeIntegralInRange(0, 4)) {
+      case 0: {
+        std::string const bytes = input.ConsumeRandomLengthString(kMaxValueLength);
+        IMAlFieldBinary(kStream, name.c_str(), bytes.data(), static_cast<int>(bytes.size()));
+        break;
+      }
+      case 1:
+        IMAlFieldChar(kStream, name.c_str(),
+                      input.ConsumeRandomLengthString(kMaxValueLength).c_str());
+        break;
+      case 2:
+        IMAlFieldDouble(kStream, name.c_str(), input.ConsumeFloatingPoint<double>());
+        break;
+      case 3:
+        IMAlFieldFloat(kStream, name.c_str(), input.ConsumeFloatingPoint<float>());
+        break;
+      default:
+        IMAlFieldInt(kStream, name.c_str(), input.ConsumeIntegral<int>());
+        break;
+    }
+  }
+  iWriteAllFields(gsStreams[kStream]);
+  iReadAllFields(kStream, nullptr);
+  exerciseGetCalls();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
@@ -103,7 +142,10 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   IMStreamRecord* r = gsStreams[kStream];
   if (parsed != 0 && r->iNumFields != 0) std::abort();  // a failed parse keeps no fields
   exerciseGetCalls();
-  if (parsed != 0) return 0;
+  if (parsed != 0) {
+    storeRebuildAndParse(data, size);
+    return 0;
+  }
 
   // A parsed section rebuilt in place must parse again to the same fields.
   std::vector<Field> const before = snapshot();
@@ -117,5 +159,6 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     if (a.name != b.name || a.type != b.type || a.size != b.size || a.value != b.value)
       std::abort();
   }
+  storeRebuildAndParse(data, size);
   return 0;
 }
