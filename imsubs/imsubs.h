@@ -119,6 +119,10 @@ int IMAlExHdrSize2(int iStream, int ints, int floats, int sections, int blocks);
 // Attributes, header transfer, extended header records and named fields.
 // Changes go to the stream record only; IMWrHdr2 carries them to the file.
 // A wavelength index w starts at 0.
+//
+// Every function of this header also has a second name, taking scalars by
+// address (imsubs/second_linkage.h); a new function needs its line in
+// imsubs/second_linkage_table.h, which a test checks.
 
 // ---------------------------------------------------------------------------
 // Attribute accessors. Each checks the stream first and, when refused,
