@@ -1,0 +1,436 @@
+// Calibration as a user meets it: targets with known misregistration written
+// with the image stream library, the corvane binary run on them with every
+// flag combination, the parameter file checked against the truth and then
+// used by a correction run, whose output must bring the channels together;
+// and the targets that can't be used.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "imsubs/imsubs.h"
+#include "model/model.h"
+#include "model/target_stack.h"
+#include "spots/spots.h"
+#include "support/testutil.h"
+
+namespace {
+
+using targettest::ChannelTruth;
+using targettest::Model;
+using targettest::ModelKind;
+using targettest::TargetSpec;
+using Rows = std::vector<std::vector<double>>;
+
+constexpr double kRunTimeout = 300.0;
+constexpr int kCheckStream = 11;
+
+// Four channels; channel 1 is the reference. Channels 0, 2 and 3 carry
+// distinct models of `kind`, and two of them a focus offset.
+TargetSpec fourChannelTarget(ModelKind kind) {
+  TargetSpec s;
+  const bool linear = kind == ModelKind::kLinear || kind == ModelKind::kLinearHigh;
+  const bool high = kind == ModelKind::kRadialHigh || kind == ModelKind::kLinearHigh;
+  const Model identity = targettest::identityModel(s, kind);
+  Model a = identity, b = identity, c = identity;
+  if (linear) {
+    a[2] = 1.006, a[3] = 0.996, a[4] = 0.004, a[5] = -0.003, a[6] = 2.6, a[7] = -1.9;
+    b[2] = 0.995, b[3] = 1.003, b[4] = -0.002, b[5] = 0.005, b[6] = -3.4, b[7] = 1.3;
+    c[2] = 1.002, c[3] = 1.001, c[6] = 0.7, c[7] = 4.1;
+  } else {
+    a[2] = 1.004, a[3] = 0.004, a[4] = 3.2, a[5] = -2.1;
+    b[2] = 0.997, b[3] = -0.003, b[4] = -1.5, b[5] = 4.25;
+    c[2] = 1.001, c[3] = 0.0015, c[4] = 0.6, c[5] = 2.1;
+  }
+  if (high) {
+    // Up to about half a pixel at the corners of the spot grid.
+    a[8] = 0.12, a[13] = 6e-6, a[18] = 5e-6;
+    b[14] = -0.1, b[16] = -5e-6, b[12] = 4e-6;
+    c[11] = 4e-4, c[19] = 3e-6;
+  }
+  const ModelKind reference = linear ? ModelKind::kLinear : ModelKind::kRadial;
+  s.channels = {{525.0f, 2, kind, a},
+                {605.0f, 2, reference, targettest::identityModel(s, reference)},
+                {680.0f, 3, kind, b},
+                {705.0f, 1, kind, c}};
+  return s;
+}
+
+struct CalibrationRunFiles {
+  testutil::ScratchDir dir;
+  std::string input = dir.file("target.qf");
+  std::string output = dir.file("alignment.txt");
+  std::string status = dir.file("status.txt");
+  testutil::RunResult result;
+};
+
+void calibrate(CalibrationRunFiles& run, const std::vector<std::string>& options) {
+  std::vector<std::string> args = {"calibration", run.input, run.output};
+  args.insert(args.end(), options.begin(), options.end());
+  run.result = testutil::run(CORVANE_BIN, args, kRunTimeout);
+}
+
+Rows readRows(const std::string& path) {
+  Rows rows;
+  std::string text = path;
+  testing::internal::CaptureStdout();
+  readAlignmentParameter(text.data(), rows);
+  testing::internal::GetCapturedStdout();
+  return rows;
+}
+
+// The model of a row, in pixels of the calibration stack, as the correction
+// reads it back.
+Model rowModel(const TargetSpec& s, Rows rows, std::size_t index) {
+  convertAlignmentParameterToPixels(rows, s.numRows, s.numCols, s.spacingX, s.spacingY, s.spacingZ);
+  Model p{};
+  for (int k = 0; k < kNumModelParameters; ++k) p[k] = rows[index][kSlotFirstParameter + k];
+  return p;
+}
+
+ModelKind fittedKind(bool linear, bool high) {
+  if (linear) return high ? ModelKind::kLinearHigh : ModelKind::kLinear;
+  return high ? ModelKind::kRadialHigh : ModelKind::kRadial;
+}
+
+// Mean distance between matched spots of a channel and the reference channel
+// of a stack, each taken at its own best-focus section.
+double spotMisregistration(const std::string& path, int channel, int reference) {
+  if (IMOpen(kCheckStream, path.c_str(), "ro") != 0) return INFINITY;
+  int nx = 0, ny = 0, nz = 0, nw = 0, nt = 0, sequence = 0;
+  IMRtXY(kCheckStream, &nx, &ny);
+  IMRtZWT(kCheckStream, &nz, &nw, &nt, &sequence);
+  std::vector<float> section(static_cast<std::size_t>(nx) * ny);
+  std::vector<double> planes[2];
+  std::vector<double*> rows[2];
+  const int channels[2] = {channel, reference};
+  for (int i = 0; i < 2; ++i) {
+    int focus = 0;
+    getFocusImagePerChannel(kCheckStream, channels[i], 0, nz, ny, nx, 4, 4, section.data(), &focus);
+    planes[i].assign(section.begin(), section.end());
+    prepareFocusImage(planes[i].data(), ny, nx);
+    for (int r = 0; r < ny; ++r)
+      rows[i].push_back(planes[i].data() + static_cast<std::size_t>(r) * nx);
+  }
+  IMClose(kCheckStream);
+  std::vector<CorvanePoint2D> imagePoints, referencePoints;
+  testing::internal::CaptureStdout();
+  findCorrespondencePoint(rows[0].data(), rows[1].data(), ny, nx, imagePoints, referencePoints);
+  testing::internal::GetCapturedStdout();
+  if (imagePoints.empty()) return INFINITY;
+  double sum = 0.0;
+  for (std::size_t i = 0; i < imagePoints.size(); ++i) {
+    sum += std::hypot(imagePoints[i].x - referencePoints[i].x,
+                      imagePoints[i].y - referencePoints[i].y);
+  }
+  return sum / imagePoints.size();
+}
+
+std::string expectedSkeleton() {
+  std::string text =
+      "Calibration Started\n\n"
+      "QF Input File Opened\n\n"
+      "Reference Channel 605\n"
+      "Locating Channel Focus Of Z Section...\n"
+      "Channel Focus Of Z Section: 2\n\n"
+      "Calibration in progress 6 percent\n\n";
+  const char* waves[] = {"525", "680", "705"};
+  const char* focus[] = {"2", "3", "1"};
+  const char* progress[] = {"25", "50", "75"};
+  for (int i = 0; i < 3; ++i) {
+    text += std::string("Calibrating Channel ") + waves[i] + " Started\n" +
+            "Locating Channel Focus Of Z Section...\n" + "Channel Focus Of Z Section: " + focus[i] +
+            "\n" + "Iteration 5\n" + "Calibrating Channel " + waves[i] + " Completed\n\n" +
+            "Calibration in progress " + progress[i] + " percent\n\n";
+  }
+  text +=
+      "QF Input File Closed\n\n"
+      "Alignment Parameter Output File Opened\n"
+      "Alignment Paramenter Output File Closed\n\n"
+      "Calibration Completed\n\n";
+  return text;
+}
+
+}  // namespace
+
+TEST(CalibrationRun, EveryFlagCombinationRecoversTheTruthAndCorrects) {
+  struct Case {
+    const char* name;
+    bool linear, high;
+    ModelKind truth;
+    double rmsTolerance;        // pixels, over the whole section
+    double deviationTolerance;  // pixels, of the fit figure in the file
+  };
+  const Case cases[] = {
+      {"radial", false, false, ModelKind::kRadial, 0.05, 0.1},
+      {"linear", true, false, ModelKind::kLinear, 0.05, 0.1},
+      // The stage's figures are measured through the transform, which leaves
+      // the polynomial out under the radial model: they show the distortion.
+      {"radial, high order", false, true, ModelKind::kRadialHigh, 0.1, 0.4},
+      {"linear, high order", true, true, ModelKind::kLinearHigh, 0.1, 0.1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const TargetSpec s = fourChannelTarget(c.truth);
+    CalibrationRunFiles run;
+    ASSERT_TRUE(targettest::writeTargetStack(run.input, s));
+    std::vector<std::string> options = {"-referenceChannelIndex", "1", "-statusFile", run.status};
+    if (c.linear) options.push_back("-doLinearModelFitting");
+    if (c.high) options.push_back("-doHighOrderModelFitting");
+    calibrate(run, options);
+    ASSERT_EQ(run.result.exitStatus, 0) << run.result.out << run.result.err;
+    EXPECT_EQ(run.result.out, expectedSkeleton());
+    EXPECT_EQ(testutil::readFile(run.status), "100.00\nCalibration Completed");
+
+    const Rows rows = readRows(run.output);
+    ASSERT_EQ(rows.size(), 4u);
+    const int channelOf[] = {0, 2, 3};
+    for (int i = 0; i < 3; ++i) {
+      const ChannelTruth& truth = s.channels[channelOf[i]];
+      SCOPED_TRACE(truth.wavelength);
+      const std::vector<double>& row = rows[i];
+      EXPECT_EQ(row[kSlotWavelength], truth.wavelength);
+      EXPECT_EQ(row[kSlotLinearFlag], c.linear ? 1.0 : 0.0);
+      EXPECT_FLOAT_EQ(row[kSlotZOffset], (truth.focusSection - 2) * s.spacingZ);
+      // Fit figures in physical units: the truncated mean of sub-pixel
+      // distances is 0, the deviation small and the same on both axes.
+      EXPECT_EQ(row[2], 0.0);
+      EXPECT_EQ(row[3], 0.0);
+      EXPECT_LT(row[4], c.deviationTolerance * s.spacingX);
+      EXPECT_EQ(row[4], row[5]);
+      bool anyHighOrder = false;
+      for (int k = 15; k < kNumRowSlots; ++k) anyHighOrder |= row[k] != 0.0;
+      EXPECT_EQ(anyHighOrder, c.high);
+
+      const Model fitted = rowModel(s, rows, i);
+      const double rms = targettest::mappingRms(s, truth.kind, truth.model.data(),
+                                                fittedKind(c.linear, c.high), fitted.data());
+      EXPECT_LT(rms, c.rmsTolerance);
+      printf("[ rms      ] %s, channel %d: %.4f px\n", c.name, channelOf[i], rms);
+    }
+    const std::vector<double>& last = rows[3];
+    const std::vector<double> expectedLast = {
+        605, c.linear ? 1.0 : 0.0, 0, 0, 0, 0, 0, 512, 512, 0.1f, 0.1f, 0.25f};
+    for (std::size_t k = 0; k < expectedLast.size(); ++k) {
+      EXPECT_FLOAT_EQ(last[k], expectedLast[k]) << "final row slot " << k;
+    }
+    for (int k = 12; k < kNumRowSlots; ++k) EXPECT_EQ(last[k], 0.0) << "final row slot " << k;
+
+    // The correction accepts the file and, where it applies the whole
+    // model, brings every channel onto the reference.
+    const std::string corrected = run.dir.file("corrected.qf");
+    const testutil::RunResult correction =
+        testutil::run(CORVANE_BIN, {"correction", run.input, run.output, corrected}, kRunTimeout);
+    ASSERT_EQ(correction.exitStatus, 0) << correction.out << correction.err;
+    // The correction leaves the polynomial out under the radial model.
+    const double allowed = c.truth == ModelKind::kRadialHigh ? 1.0 : 0.05;
+    for (int channel : channelOf) {
+      const double before = spotMisregistration(run.input, channel, 1);
+      const double after = spotMisregistration(corrected, channel, 1);
+      EXPECT_GT(before, 1.0) << "channel " << channel;
+      EXPECT_LT(after, allowed) << "channel " << channel;
+      printf("[ aligned  ] %s, channel %d: %.4f px before, %.4f px after\n", c.name, channel,
+             before, after);
+    }
+  }
+}
+
+TEST(CalibrationRun, IterationFollowsItsOptions) {
+  const TargetSpec s = fourChannelTarget(ModelKind::kRadial);
+  CalibrationRunFiles run;
+  ASSERT_TRUE(targettest::writeTargetStack(run.input, s));
+  struct Case {
+    std::vector<std::string> options;
+    std::string iterationLines;  // of each channel, counting down
+    std::size_t fewestPasses;
+  };
+  const Case cases[] = {
+      {{"-numIteration", "1"}, "Iteration 1\n", 1},
+      // The first pass measures sub-pixel distances, a mean of 0.0, which is
+      // below the threshold.
+      {{"-numIteration", "3"}, "Iteration 3\n", 1},
+      {{}, "Iteration 5\n", 1},
+      // A NaN threshold never stops the loop: passes go on until one leaves
+      // the parameters exactly as they were (the solver finds no better step)
+      // or none is left, and the best one still reaches the file.
+      {{"-numIteration", "3", "-maxResidual", "nan"}, "Iteration 3\nIteration 2\nIteration 1\n", 2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.options));
+    std::vector<std::string> options = {"-referenceChannelIndex", "1"};
+    options.insert(options.end(), c.options.begin(), c.options.end());
+    calibrate(run, options);
+    ASSERT_EQ(run.result.exitStatus, 0) << run.result.out;
+    for (const char* wave : {"525", "680", "705"}) {
+      const std::string head = std::string("Channel Focus Of Z Section: ");
+      const std::string completed = std::string("Calibrating Channel ") + wave + " Completed";
+      const std::size_t end = run.result.out.find(completed);
+      ASSERT_NE(end, std::string::npos);
+      const std::size_t start = run.result.out.rfind(head, end);
+      const std::size_t lineEnd = run.result.out.find('\n', start) + 1;
+      const std::string lines = run.result.out.substr(lineEnd, end - lineEnd);
+      EXPECT_EQ(c.iterationLines.substr(0, lines.size()), lines) << wave;
+      EXPECT_GE(std::count(lines.begin(), lines.end(), '\n'), c.fewestPasses) << wave;
+    }
+    const Rows rows = readRows(run.output);
+    ASSERT_EQ(rows.size(), 4u);
+    const Model fitted = rowModel(s, rows, 1);
+    EXPECT_LT(targettest::mappingRms(s, ModelKind::kRadial, s.channels[2].model.data(),
+                                     ModelKind::kRadial, fitted.data()),
+              0.05);
+  }
+}
+
+TEST(CalibrationRun, UnusableTargetsEndAsDocumented) {
+  TargetSpec small;
+  small.numCols = small.numRows = 96;
+  small.numZ = 3;
+  small.spots = false;
+  const Model identity = targettest::identityModel(small, ModelKind::kRadial);
+  const ChannelTruth dark0{500.0f, 0, ModelKind::kRadial, identity};
+  const ChannelTruth dark1{600.0f, 0, ModelKind::kRadial, identity};
+  const std::string stopped = "Calibration Started\n\nQF Input File Opened\n\n";
+  struct Case {
+    const char* name;
+    std::vector<ChannelTruth> channels;
+    double background;
+    std::vector<std::string> options;
+    bool writeInput;
+    int exitStatus;
+    std::string out;  // whole standard output, or a part when `contains`
+    bool contains;
+    std::string err;  // the start of standard error
+    bool outputWritten;
+  };
+  const Case cases[] = {
+      {"missing input",
+       {dark0},
+       0.0,
+       {},
+       false,
+       1,
+       "Calibration Started\n\nCan Not Open QF Input File\n\n",
+       false,
+       "IMOpen 1",
+       false},
+      {"reference index equal to the channel count",
+       {dark0, dark1},
+       100.0,
+       {"-referenceChannelIndex", "2"},
+       true,
+       1,
+       stopped + "Reference Channel Index Out Of Boundary\n\nCalibration Stopped\n",
+       false,
+       "",
+       false},
+      {"one channel",
+       {dark0},
+       100.0,
+       {},
+       true,
+       0,
+       "Channel Focus Of Z Section: 0\n\nCalibration in progress 25 percent\n\n"
+       "QF Input File Closed\n\n",
+       true,
+       "",
+       true},
+      {"no spot can be fitted anywhere",
+       {dark0, dark1},
+       -5.0,
+       {},
+       true,
+       0,
+       "Calibrating Channel 600 Started\nLocating Channel Focus Of Z Section...\n"
+       "Channel Focus Of Z Section: 0\nIteration 5\nCalibrating Channel 600 Completed\n\n",
+       true,
+       "",
+       true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    CalibrationRunFiles run;
+    TargetSpec s = small;
+    s.channels = c.channels;
+    s.background = c.background;
+    s.noise = 0.0;
+    if (c.writeInput) {
+      ASSERT_TRUE(targettest::writeTargetStack(run.input, s));
+    }
+    // An earlier file of the output's name stays untouched by a stopped run.
+    testutil::writeFile(run.output, "earlier");
+    calibrate(run, c.options);
+    EXPECT_EQ(run.result.exitStatus, c.exitStatus) << run.result.out;
+    if (c.contains) {
+      EXPECT_NE(run.result.out.find(c.out), std::string::npos) << run.result.out;
+    } else {
+      EXPECT_EQ(run.result.out, c.out);
+    }
+    EXPECT_EQ(run.result.err.substr(0, c.err.size()), c.err);
+    if (c.err.empty()) {
+      EXPECT_EQ(run.result.err, "");
+    }
+    EXPECT_EQ(testutil::readFile(run.output) != "earlier", c.outputWritten);
+  }
+}
+
+TEST(CalibrationRun, UnusableTargetsWriteTheDocumentedRows) {
+  TargetSpec s;
+  s.numCols = s.numRows = 96;
+  s.numZ = 3;
+  s.spots = false;
+  s.noise = 0.0;
+  const Model identity = targettest::identityModel(s, ModelKind::kLinear);
+  s.channels = {{500.0f, 0, ModelKind::kLinear, identity}};
+  CalibrationRunFiles run;
+  // One channel: the file is the final row alone.
+  s.background = 100.0;
+  ASSERT_TRUE(targettest::writeTargetStack(run.input, s));
+  calibrate(run, {"-doLinearModelFitting"});
+  ASSERT_EQ(run.result.exitStatus, 0);
+  Rows rows = readRows(run.output);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0][kSlotWavelength], 500.0);
+  EXPECT_EQ(rows[0][kSlotLinearFlag], 1.0);
+  EXPECT_EQ(rows[0][kSlotStackColumns], 96.0);
+
+  // No spot fits: the row keeps the start values, and the unmeasured -1.0
+  // errors reach the file scaled by the spacing, with no message.
+  s.background = -5.0;
+  s.channels.push_back({600.0f, 0, ModelKind::kLinear, identity});
+  ASSERT_TRUE(targettest::writeTargetStack(run.input, s));
+  calibrate(run, {"-doLinearModelFitting"});
+  ASSERT_EQ(run.result.exitStatus, 0);
+  rows = readRows(run.output);
+  ASSERT_EQ(rows.size(), 2u);
+  const std::vector<double> expected = {600, 1,         -0.1f,     -0.1f, -0.1f, -0.1f,
+                                        0,   48 * 0.1f, 48 * 0.1f, 1,     1};
+  for (std::size_t k = 0; k < expected.size(); ++k) {
+    EXPECT_FLOAT_EQ(rows[0][k], expected[k]) << "slot " << k;
+  }
+  for (int k = 11; k < kNumRowSlots; ++k) EXPECT_EQ(rows[0][k], 0.0) << "slot " << k;
+
+  // A correction accepts a file from an unusable target too.
+  const testutil::RunResult correction = testutil::run(
+      CORVANE_BIN, {"correction", run.input, run.output, run.dir.file("c.qf")}, kRunTimeout);
+  EXPECT_EQ(correction.exitStatus, 0) << correction.out;
+}
+
+TEST(CalibrationRun, AnOutputThatCannotBeOpenedStopsAfterTheAnalysis) {
+  TargetSpec s;
+  s.numCols = s.numRows = 96;
+  s.numZ = 2;
+  s.spots = false;
+  s.channels = {{500.0f, 0, ModelKind::kRadial, targettest::identityModel(s, ModelKind::kRadial)}};
+  CalibrationRunFiles run;
+  ASSERT_TRUE(targettest::writeTargetStack(run.input, s));
+  run.output = run.dir.file("missing/alignment.txt");
+  calibrate(run, {});
+  EXPECT_EQ(run.result.exitStatus, 1);
+  const std::string tail =
+      "QF Input File Closed\n\nCan Not Open Alignment Parameter Output File\n\n";
+  ASSERT_GE(run.result.out.size(), tail.size());
+  EXPECT_EQ(run.result.out.substr(run.result.out.size() - tail.size()), tail);
+}
