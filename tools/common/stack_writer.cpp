@@ -136,8 +136,8 @@ std::string renderAndWrite(const Config& config, SectionRenderer render, const v
 #pragma omp single nowait
       if (b > 0) {
         const int previous = first - batchSize;
-        error = writeBatch(refs.data() + previous, batchSize, pixels[(b + 1) % 2].data(), n,
-                           stats[(b + 1) % 2].data(), channels);
+        error = writeBatch(refs.data() + previous, std::min(batchSize, total - previous),
+                           pixels[(b + 1) % 2].data(), n, stats[(b + 1) % 2].data(), channels);
       }
 #pragma omp for schedule(dynamic, 1) nowait
       for (int k = 0; k < count; ++k) {
