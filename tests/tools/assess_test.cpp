@@ -218,4 +218,51 @@ TEST(AssessTest, CommandLineOutputs) {
   EXPECT_EQ(testutil::run(CORVANE_ASSESS_BIN, {dir.file("missing.qf")}).exitStatus, 1);
 }
 
+// On a generated target the uncorrected stack must measure as the truth says,
+// and the same stack corrected by corvane with the true parameter file must
+// measure as registered, within the localisation noise.
+TEST(AssessTest, HonestOnAGeneratedTargetBeforeAndAfterTrueCorrection) {
+  synth::Config config;
+  config.seed = 3;
+  config.geometry.numCols = config.geometry.numRows = 320;
+  config.geometry.numZ = 12;
+  config.geometry.pixels = synth::PixelKind::kFloat;
+  config.linearFlag = 1;
+  config.highOrder = true;
+  config.bounds.zOffset = 2;
+  ASSERT_EQ(synth::validateConfig(config), "");
+  const synth::Truth truth = synth::makeTruth(config);
+  const std::vector<synth::Spot> spots = synth::makeSpots(config);
+  testutil::ScratchDir dir;
+  ASSERT_EQ(synth::writeTarget(dir.file("t.qf"), config, truth, spots, 2), "");
+  writeAlignmentParameter(dir.file("truth.txt").c_str(), truth.rows);
+  const nlohmann::json j = synth::truthJson(config, truth, spots);
+
+  assess::StackInfo info;
+  std::vector<assess::ChannelReport> before;
+  ASSERT_EQ(assess::assessStack(dir.file("t.qf"), assess::Options{}, &j, &info, &before), "");
+  for (const assess::ChannelReport& r : before) {
+    SCOPED_TRACE(r.index);
+    EXPECT_EQ(r.pairs, static_cast<int>(spots.size()));
+    EXPECT_NEAR(r.error.rmsPx, r.truthError.rmsPx, 0.03);
+    EXPECT_NEAR(r.error.meanDx, r.truthError.meanDx, 0.03);
+    EXPECT_NEAR(r.error.meanDy, r.truthError.meanDy, 0.03);
+    EXPECT_EQ(static_cast<int>(std::lround(r.zOffset)), r.trueZOffset);
+    EXPECT_EQ(r.localisation.count, static_cast<int>(spots.size()));
+    EXPECT_LT(r.localisation.rmsPx, 0.05);
+  }
+
+  const testutil::RunResult corrected = testutil::run(
+      CORVANE_BIN, {"correction", dir.file("t.qf"), dir.file("truth.txt"), dir.file("c.qf")});
+  ASSERT_EQ(corrected.exitStatus, 0) << corrected.out;
+  std::vector<assess::ChannelReport> after;
+  ASSERT_EQ(assess::assessStack(dir.file("c.qf"), assess::Options{}, nullptr, &info, &after), "");
+  for (const assess::ChannelReport& r : after) {
+    SCOPED_TRACE(r.index);
+    EXPECT_EQ(r.pairs, static_cast<int>(spots.size()));
+    EXPECT_LT(r.error.rmsPx, 0.06);
+    EXPECT_NEAR(r.zOffset, 0.0, 0.1);
+  }
+}
+
 }  // namespace

@@ -30,10 +30,10 @@ std::string formatReports(const std::string& path, const StackInfo& info, const 
                           const std::vector<ChannelReport>& reports) {
   const double nm = 1000.0;
   std::string out = format(
-      "Stack %s: %d x %d pixels, %d sections, %d channels, %d time points; spacing %.1f x %.1f x "
-      "%.1f nm\n",
+      "Stack %s: %d x %d pixels, %d sections, %d channels, %d time point%s; spacing %.1f x %.1f "
+      "x %.1f nm\n",
       path.c_str(), info.numCols, info.numRows, info.numZ, info.numW, info.numT,
-      info.spacing[0] * nm, info.spacing[1] * nm, info.spacing[2] * nm);
+      info.numT == 1 ? "" : "s", info.spacing[0] * nm, info.spacing[1] * nm, info.spacing[2] * nm);
   const ChannelReport& ref = reports[options.reference];
   out += format("Reference channel %d (%d nm): best focus section %d (%.2f), %d spots, time %d\n\n",
                 ref.index, static_cast<int>(ref.wavelength), ref.focus.section, ref.focus.position,

@@ -444,6 +444,15 @@ bool writeJson(const std::string& path, const nlohmann::json& j) {
   return static_cast<bool>(out);
 }
 
+std::string describeShape(const synth::Geometry& g) {
+  char text[200];
+  std::snprintf(text, sizeof text,
+                "%zu channels x %d sections x %d time point%s of %d x %d %s pixels",
+                g.wavelengths.size(), g.numZ, g.numTimes, g.numTimes == 1 ? "" : "s", g.numCols,
+                g.numRows, g.pixels == synth::PixelKind::kFloat ? "float" : "16-bit");
+  return text;
+}
+
 double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
@@ -470,7 +479,7 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  const char* pixels = g.pixels == synth::PixelKind::kFloat ? "float" : "16-bit";
+  const std::string shape = describeShape(g);
   if (run.writeTarget) {
     const auto start = std::chrono::steady_clock::now();
     const std::string error =
@@ -480,11 +489,8 @@ int main(int argc, char** argv) {
       return 1;
     }
     if (!run.quiet) {
-      std::printf(
-          "target.qf: %zu channels x %d sections x %d time points of %d x %d %s pixels, "
-          "%zu spots, in %.2f s\n",
-          g.wavelengths.size(), g.numZ, g.numTimes, g.numCols, g.numRows, pixels, spots.size(),
-          secondsSince(start));
+      std::printf("target.qf: %s, %zu spots, in %.2f s\n", shape.c_str(), spots.size(),
+                  secondsSince(start));
     }
   }
   if (run.writeSpecimen) {
@@ -497,11 +503,8 @@ int main(int argc, char** argv) {
       return 1;
     }
     if (!run.quiet) {
-      std::printf(
-          "specimen.qf: %zu channels x %d sections x %d time points of %d x %d %s "
-          "pixels, %zu structures, in %.2f s\n",
-          g.wavelengths.size(), g.numZ, g.numTimes, g.numCols, g.numRows, pixels,
-          specimen.weights.size(), secondsSince(start));
+      std::printf("specimen.qf: %s, %zu structures, in %.2f s\n", shape.c_str(),
+                  specimen.weights.size(), secondsSince(start));
     }
   }
   if (!run.quiet) std::printf("truth: %struth.txt, %struth.json\n", dir.c_str(), dir.c_str());
