@@ -265,4 +265,21 @@ TEST(AssessTest, HonestOnAGeneratedTargetBeforeAndAfterTrueCorrection) {
   }
 }
 
+TEST(AssessTest, FocusAndFitEdgeCases) {
+  // Parabola through the best score and its neighbours; none at the ends;
+  // the first of equal maxima.
+  EXPECT_NEAR(assess::bestFocus({1.0, 3.0, 2.0}).position, 1.0 + 1.0 / 6.0, 1e-12);
+  EXPECT_EQ(assess::bestFocus({5.0, 3.0, 2.0}).position, 0.0);
+  EXPECT_EQ(assess::bestFocus({1.0, 4.0, 4.0, 1.0}).section, 1);
+  EXPECT_EQ(assess::bestFocus({}).section, 0);
+
+  // A flat window has no spot to fit; a window over the edge is refused.
+  const int cols = 40, rows = 30;
+  std::vector<float> flat(cols * rows, 10.0f);
+  assess::Spot spot;
+  EXPECT_FALSE(assess::fitSpot(flat.data(), cols, rows, 20, 15, 10.0, &spot));
+  EXPECT_FALSE(assess::fitSpot(flat.data(), cols, rows, 3, 15, 10.0, &spot));
+  EXPECT_TRUE(assess::findSpots(flat.data(), cols, rows).empty());
+}
+
 }  // namespace

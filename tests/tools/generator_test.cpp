@@ -235,4 +235,100 @@ TEST(GeneratorTest, CommandLine) {
   }
 }
 
+// Background pixels of a spot-free section: the mean is offset plus
+// background, the variance shot noise plus read noise, on both the exact
+// Poisson branch (small means) and the normal one.
+TEST(GeneratorTest, NoiseHasTheCamerasMeanAndVariance) {
+  struct Case {
+    double background, readNoise;
+  };
+  for (const Case& k : {Case{100.0, 3.0}, Case{5.0, 3.0}, Case{2.0, 0.0}}) {
+    SCOPED_TRACE(k.background);
+    synth::Config config = smallConfig(0, false);
+    config.optics.spotPhotons = 0.0;
+    config.optics.background = k.background;
+    config.optics.readNoise = k.readNoise;
+    const synth::Truth truth = synth::makeTruth(config);
+    std::vector<float> pixels(static_cast<size_t>(config.geometry.numCols) *
+                              config.geometry.numRows);
+    synth::renderTargetSection(config, truth, {}, 1, 0, 3, pixels.data());
+    double sum = 0.0, sumSq = 0.0;
+    for (float v : pixels) sum += v;
+    const double mean = sum / pixels.size();
+    for (float v : pixels) sumSq += (v - mean) * (v - mean);
+    const double variance = sumSq / (pixels.size() - 1);
+    const double wantVariance = k.background + k.readNoise * k.readNoise;
+    // Five standard errors of the mean.
+    EXPECT_NEAR(mean, config.optics.cameraOffset + k.background,
+                5.0 * std::sqrt(wantVariance / pixels.size()));
+    EXPECT_NEAR(variance, wantVariance, 0.03 * wantVariance);
+  }
+}
+
+// Time points share the content and differ in noise only.
+TEST(GeneratorTest, TimePointsDifferInNoiseOnly) {
+  synth::Config config = smallConfig(0, false);
+  config.geometry.numTimes = 2;
+  const synth::Truth truth = synth::makeTruth(config);
+  const std::vector<synth::Spot> spots = synth::makeSpots(config);
+  const size_t n = static_cast<size_t>(config.geometry.numCols) * config.geometry.numRows;
+  std::vector<float> first(n), second(n);
+  synth::renderTargetSection(config, truth, spots, 0, 0, truth.focusSection, first.data());
+  synth::renderTargetSection(config, truth, spots, 0, 1, truth.focusSection, second.data());
+  EXPECT_NE(first, second);
+  const std::vector<assess::Spot> a =
+      assess::findSpots(first.data(), config.geometry.numCols, config.geometry.numRows);
+  const std::vector<assess::Spot> b =
+      assess::findSpots(second.data(), config.geometry.numCols, config.geometry.numRows);
+  ASSERT_EQ(a.size(), spots.size());
+  const auto pairs = assess::pairSpots(a, b, 1.0);
+  ASSERT_EQ(pairs.size(), spots.size());
+  for (const auto& [i, j] : pairs)
+    EXPECT_NEAR(std::hypot(a[i].x - b[j].x, a[i].y - b[j].y), 0.0, 0.1);
+}
+
+// The whole-pixel shift that best lines up section b with section a.
+std::pair<int, int> bestShift(const std::vector<float>& a, const std::vector<float>& b, int cols,
+                              int rows, int reach) {
+  std::pair<int, int> best{0, 0};
+  double bestScore = -1.0;
+  for (int sy = -reach; sy <= reach; ++sy) {
+    for (int sx = -reach; sx <= reach; ++sx) {
+      double score = 0.0;
+      for (int y = reach; y < rows - reach; ++y) {
+        for (int x = reach; x < cols - reach; ++x) {
+          score += static_cast<double>(a[y * cols + x]) * b[(y + sy) * cols + (x + sx)];
+        }
+      }
+      if (score > bestScore) {
+        bestScore = score;
+        best = {sx, sy};
+      }
+    }
+  }
+  return best;
+}
+
+// The specimen carries the same misregistration as the target: with a pure
+// translation and a Z offset, channel 1 is channel 0 moved by both.
+TEST(GeneratorTest, SpecimenCarriesTheMisregistration) {
+  synth::Config config = smallConfig(0, false);
+  config.geometry.numCols = config.geometry.numRows = 128;
+  config.optics.background = 0.0;
+  config.optics.readNoise = 0.0;
+  config.overrides[1] = {{"tx", 4.0}, {"ty", -3.0}, {"dz", 1.0}};
+  // One structure seen alike in both channels makes the correlation clean.
+  const synth::Truth truth = synth::makeTruth(config);
+  synth::Specimen specimen = synth::makeSpecimen(config);
+  for (auto& w : specimen.weights) w = {1.0, 1.0, 1.0};
+  const int n = config.geometry.numCols * config.geometry.numRows;
+  std::vector<float> reference(n), channel(n);
+  const int z = truth.focusSection;
+  synth::renderSpecimenSection(config, truth, specimen, 0, 0, z, reference.data());
+  synth::renderSpecimenSection(config, truth, specimen, 1, 0, z + 1, channel.data());
+  const auto shift =
+      bestShift(reference, channel, config.geometry.numCols, config.geometry.numRows, 6);
+  EXPECT_EQ(shift, std::make_pair(4, -3));
+}
+
 }  // namespace
