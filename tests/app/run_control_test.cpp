@@ -74,7 +74,7 @@ TEST(StatusFile, UnopenablePathIsIgnored) {
   auto result = testutil::run(corvaneBinary(), {"calibration", "/nonexistent/in.qf", "/tmp/x.txt",
                                                 "-statusFile", "/nonexistent/dir/status"});
   EXPECT_EQ(result.out, "Calibration Started\n\nCan Not Open QF Input File\n\n");
-  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.err, "IMOpen 1: unable to open file\n/nonexistent/in.qf.\n");
   EXPECT_EQ(result.exitStatus, 1);
 }
 
