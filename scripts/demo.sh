@@ -49,10 +49,15 @@ field() { sed -n "s/.*\b$1=\([^ ]*\).*/\1/p" <<<"$2"; }
 if ((do_build)); then
   step "Building in $build"
   t=$(date +%s)
-  if [[ ! -f "$build/CMakeCache.txt" ]]; then
-    cmake -S . -B "$build" -DCORVANE_BUILD_TESTS=OFF -DCORVANE_BUILD_BENCH=OFF >/dev/null
-  fi
-  cmake --build "$build" -j"$(nproc)" --target corvane corvane-synth corvane-assess >/dev/null
+  mkdir -p "$build"
+  log="$build/demo-build.log"
+  echo "(about a minute on a fresh machine; compiler output in $log)"
+  {
+    if [[ ! -f "$build/CMakeCache.txt" ]]; then
+      cmake -S . -B "$build" -DCORVANE_BUILD_TESTS=OFF -DCORVANE_BUILD_BENCH=OFF
+    fi
+    cmake --build "$build" -j"$(nproc)" --target corvane corvane-synth corvane-assess
+  } >"$log" 2>&1 || { cat "$log"; echo "demo.sh: the build failed" >&2; exit 1; }
   echo "built corvane, corvane-synth, corvane-assess ($(elapsed "$t"))"
 fi
 for program in "$corvane" "$synth" "$assess"; do

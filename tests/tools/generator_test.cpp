@@ -225,6 +225,7 @@ TEST(GeneratorTest, CommandLine) {
       {{"--wavelengths", "500.2,500.7", dir.path()}, "whole nanometres"},
       {{"--channel", "0:tx=1", dir.path()}, "reference channel"},
       {{"--channel", "1:spin=1", dir.path()}, "unknown model key"},
+      {{"--channel", "1:dz=0.5", dir.path()}, "whole number of sections"},
       {{"--bogus", dir.path()}, "bad option"},
       {{}, "OUTPUT_DIR"},
   };

@@ -1,6 +1,7 @@
 // Writing a synthetic stack: sections are rendered in parallel batches and
-// written one by one, in file order, through the image stream library, which
-// is not reentrant and so is only called from the calling thread.
+// written one by one, in file order, through the image stream library. The
+// library is not reentrant, so only one thread at a time calls it: the one
+// that writes a batch, while the others render the next.
 #include <omp.h>
 
 #include <algorithm>

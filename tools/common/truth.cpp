@@ -187,6 +187,7 @@ std::string validateConfig(const Config& config) {
         return "magx and magy need the linear model";
       }
       if (key[0] == 'h' && !config.highOrder) return "h0 to h11 need --high-order";
+      if (key == "dz" && value != std::floor(value)) return "dz is a whole number of sections";
     }
     reach = std::max(reach, std::abs(static_cast<int>(std::lround(valueOr(values, "dz", 0.0)))));
   }
