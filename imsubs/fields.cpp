@@ -323,8 +323,9 @@ int IMRtFieldHdrSpace(int iStream) {
   int code;
   IMStreamRecord const* r = iCheckedRecord(iStream, "IMRtFieldHdrSpace", &code);
   if (r == nullptr) return code;
-  int const space = r->iFieldBytesMax - r->iFieldBytesUsed;
-  return space < kMinUsefulSpace ? 0 : space;
+  // 64-bit: a parsed negative size can make the bytes used hugely negative.
+  int64_t const space = int64_t{r->iFieldBytesMax} - r->iFieldBytesUsed;
+  return space < kMinUsefulSpace ? 0 : static_cast<int>(std::min<int64_t>(space, INT32_MAX));
 }
 
 int IMRtFieldHdr(int iStream, char** text, int* size) {
@@ -429,7 +430,7 @@ int IMRtFieldNum(int iStream, int index, char** name, char* type, int* size, cha
   if (size != nullptr) *size = fieldSize;
   if (value != nullptr) {
     // size + 1 stored bytes (the value and its NUL) and one more NUL.
-    int const bytes = std::max(fieldSize + 1, 0);
+    int64_t const bytes = std::max<int64_t>(int64_t{fieldSize} + 1, 0);
     char* copy = static_cast<char*>(std::calloc(static_cast<std::size_t>(bytes) + 1, 1));
     if (copy == nullptr) return 732;
     std::memcpy(copy, stored, static_cast<std::size_t>(bytes));

@@ -135,6 +135,22 @@ TEST_F(FieldsTest, ParsedValuesAndRawText) {
   EXPECT_EQ(IMRtFieldNum(1, -1, nullptr, nullptr, nullptr, nullptr), 729);
 }
 
+TEST_F(FieldsTest, NegativeSizesCountAsTheyStand) {
+  // A negative size copies nothing and parses; the byte count follows the
+  // rule literally, so the space left may exceed the room.
+  std::string const section = "n,c,-2147483600=\n\r";
+  openWithSection(section);
+  ASSERT_EQ(iReadAllFields(1, nullptr), 0);
+  EXPECT_EQ(record(1)->pFieldSizes[0], -2147483600);
+  EXPECT_EQ(record(1)->iFieldBytesUsed, 1 + 1 + 11 + 5 - 2147483600);
+  int const room = static_cast<int>(section.size());
+  EXPECT_EQ(IMRtFieldHdrSpace(1), room + 2147483582);
+  char* value = nullptr;
+  ASSERT_EQ(IMRtFieldNum(1, 0, nullptr, nullptr, nullptr, &value), 0);
+  EXPECT_STREQ(value, "");
+  IMFreeFieldContentsPtr(value);
+}
+
 struct GetCase {
   char const* what;
   std::function<int(int)> call;
