@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "app/settings.h"
 #include "imsubs/imsubs.h"
 #include "model/model.h"
 #include "model/target_stack.h"
@@ -433,4 +434,41 @@ TEST(CalibrationRun, AnOutputThatCannotBeOpenedStopsAfterTheAnalysis) {
       "QF Input File Closed\n\nCan Not Open Alignment Parameter Output File\n\n";
   ASSERT_GE(run.result.out.size(), tail.size());
   EXPECT_EQ(run.result.out.substr(run.result.out.size() - tail.size()), tail);
+}
+
+TEST(CalibrationDriver, WritesProgressRecordsAndRowsPerChannel) {
+  TargetSpec s = fourChannelTarget(ModelKind::kRadial);
+  s.channels.resize(2);
+  CalibrationRunFiles run;
+  ASSERT_TRUE(targettest::writeTargetStack(run.input, s));
+  char* const savedStatus = pathStatusFile;
+  std::string status = run.status;
+  pathStatusFile = status.data();
+  ASSERT_EQ(IMOpen(1, run.input.c_str(), "ro"), 0);
+  Rows rows;
+  testing::internal::CaptureStdout();
+  performCalibrationPerFile(1, 0, 5, 0.5, 0, 0, rows);
+  const std::string out = testing::internal::GetCapturedStdout();
+  IMClose(1);
+  pathStatusFile = savedStatus;
+
+  // 0.25 of two channels is 12.5 percent, truncated; the last record is the
+  // one after the only calibrated channel.
+  EXPECT_NE(out.find("Calibration in progress 12 percent\n\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("Calibration in progress 50 percent\n\n"), std::string::npos) << out;
+  EXPECT_EQ(testutil::readFile(run.status), "50.00\nCalibration in progress");
+  // Rows in pixels times the spacings: the channel row, then the final row.
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0][kSlotWavelength], 605.0);
+  EXPECT_EQ(rows[1][kSlotWavelength], 525.0);
+  EXPECT_NEAR(rows[0][9], 1.0 / s.channels[0].model[2], 1e-4);
+}
+
+TEST(CalibrationDriverDeathTest, AHeaderThatCannotBeReadStopsTheRun) {
+  int numRows, numCols, numZ, numChannels, numTimes;
+  float dx, dy, dz;
+  // Stream 77 was never opened: the first read fails.
+  EXPECT_EXIT(calibrationReadInputFileHeader(77, &numRows, &numCols, &numZ, &numChannels, &numTimes,
+                                             &dx, &dy, &dz),
+              testing::ExitedWithCode(1), "calibrationReadInputFileHeader: IMRtXY failed.\n");
 }
