@@ -114,7 +114,7 @@ int IMRtSiz(int iStream, int size[3], int sampling[3], int start[3]) {
   size[0] = r->iNumX;
   size[1] = r->iNumY;
   size[2] = r->iNumSecs;
-  for (int i = 0; i < 3; ++i) sampling[i] = static_cast<int>(r->fSampling[i] + 0.5f);
+  for (int i = 0; i < 3; ++i) sampling[i] = iTruncToInt32(r->fSampling[i] + 0.5);
   start[0] = r->iStartCol;
   start[1] = r->iStartRow;
   start[2] = r->iStartSec;
@@ -576,9 +576,10 @@ int IMRtLab2(int iStream, char titles[][80], int first, int count) {
   IMStreamRecord const* r = iCheckedRecord(iStream, "IMRtLab2", &code);
   if (r == nullptr) return code;
   // A negative start or count names no titles either; refused the same way.
-  if (first < 0 || count < 0 || first + count > r->iNumTitles || first + count > kMaxTitles) {
+  int64_t const last = int64_t{first} + count;
+  if (first < 0 || count < 0 || last > r->iNumTitles || last > kMaxTitles) {
     std::fprintf(stderr, "IMRtLab2 %d: %d is too many titles. Max is %d. No titles returned.\n",
-                 iStream, first + count, r->iNumTitles);
+                 iStream, static_cast<int>(last), r->iNumTitles);
     return 401;
   }
   for (int i = 0; i < count; ++i) {
@@ -610,9 +611,10 @@ int IMAlLab2(int iStream, char const titles[][80], int first, int count) {
   int code;
   IMStreamRecord* r = iCheckedRecord(iStream, "IMAlLab2", &code);
   if (r == nullptr) return code;
-  if (first < 0 || count < 0 || first + count > r->iMaxTitles || first + count > kMaxTitles) {
+  int64_t const last = int64_t{first} + count;
+  if (first < 0 || count < 0 || last > r->iMaxTitles || last > kMaxTitles) {
     std::fprintf(stderr, "IMAlLab2 %d: %d is too many titles. Max is %d. No changes made.\n",
-                 iStream, first + count, r->iMaxTitles);
+                 iStream, static_cast<int>(last), r->iMaxTitles);
     return 401;
   }
   for (int i = 0; i < count; ++i) storeTitle(r->cTitles[first + i], titles[i]);

@@ -152,9 +152,9 @@ bool holdsSection(IMStreamRecord const* r, int sec) {
 }
 
 // Number of values first..last by step; none when the range is empty.
-int countRange(int first, int last, int step) {
+int64_t countRange(int first, int last, int step) {
   if (last < first) return 0;
-  return (last - first) / step + 1;
+  return (int64_t{last} - first) / step + 1;
 }
 
 }  // namespace
@@ -511,26 +511,27 @@ int IMTrExHdr4(int dst, int src, int zFirst, int zLast, int zStep, int const* wa
   }
   int numPicked = 0;
   for (int w = 0; w < numWaves; ++w) numPicked += waveFlags[w] != 0 ? 1 : 0;
-  int64_t const sections = int64_t{countRange(pFirst, pLast, 1)} *
-                           countRange(tFirst, tLast, tStep) * numPicked *
-                           countRange(zFirst, zLast, zStep);
-  int const blocks = (s->iExtHdrSize + kExtHdrBlockBytes - 1) / kExtHdrBlockBytes;
-  int const sizeCode =
-      IMAlExHdrSize2(dst, s->iNumExtInts, s->iNumExtFloats,
-                     static_cast<int>(std::min<int64_t>(sections, INT32_MAX)), blocks);
+  int64_t const sections = countRange(pFirst, pLast, 1) * countRange(tFirst, tLast, tStep) *
+                           numPicked * countRange(zFirst, zLast, zStep);
+  int64_t const blocks = (int64_t{s->iExtHdrSize} + kExtHdrBlockBytes - 1) / kExtHdrBlockBytes;
+  int const sizeCode = IMAlExHdrSize2(dst, s->iNumExtInts, s->iNumExtFloats,
+                                      static_cast<int>(std::min<int64_t>(sections, INT32_MAX)),
+                                      static_cast<int>(blocks));
   if (sizeCode != 0) return sizeCode;
 
   RecordBuffers work(s->iNumExtInts, s->iNumExtFloats);
+  // 64-bit loop variables: a range ending at the largest integer still ends.
   int tp = 0;
-  for (int p = pFirst; p <= pLast; ++p, ++tp) {
+  for (int64_t p = pFirst; p <= pLast; ++p, ++tp) {
     int tt = 0;
-    for (int t = tFirst; t <= tLast; t += tStep, ++tt) {
+    for (int64_t t = tFirst; t <= tLast; t += tStep, ++tt) {
       int tw = 0;
       for (int w = 0; w < numWaves; ++w) {
         if (waveFlags[w] == 0) continue;
         int tz = 0;
-        for (int z = zFirst; z <= zLast; z += zStep, ++tz) {
-          IMRtExHdrZWTP(src, z, w, t, p, work.ints.data(), work.floats.data());
+        for (int64_t z = zFirst; z <= zLast; z += zStep, ++tz) {
+          IMRtExHdrZWTP(src, static_cast<int>(z), w, static_cast<int>(t), static_cast<int>(p),
+                        work.ints.data(), work.floats.data());
           IMAlExHdrZWTP(dst, tz, tw, tt, tp, work.ints.data(), work.floats.data());
         }
         ++tw;

@@ -101,8 +101,10 @@ int IMRdHdr(int iStream, int size[3], int sampling[3], int* mode, float* min, fl
   IMStreamRecord const* r = gsStreams[iStream];
   size[0] = r->iNumX;
   size[1] = r->iNumY;
-  size[2] = r->iNumZ * r->iNumW * r->iNumT * r->iNumP;
-  for (int i = 0; i < 3; ++i) sampling[i] = static_cast<int>(r->fSampling[i] + 0.5f);
+  // 32-bit product that wraps, as the stored section count does.
+  size[2] = static_cast<int32_t>(static_cast<uint32_t>(r->iNumZ) * static_cast<uint32_t>(r->iNumW) *
+                                 static_cast<uint32_t>(r->iNumT) * static_cast<uint32_t>(r->iNumP));
+  for (int i = 0; i < 3; ++i) sampling[i] = iTruncToInt32(r->fSampling[i] + 0.5);
   *mode = r->iPixelType;
   *min = r->fMins[0];
   *max = r->fMaxs[0];
