@@ -324,6 +324,9 @@ IMStreamRecord* prepareRecord(int iStream, char const* name) {
     std::free(record->pHeader);
     record->pHeader = nullptr;
     iFreeExtHdr(record);
+    // The parsed fields belong to the old file's extended header, which is
+    // gone; kept, they would pass for the new file's own.
+    iFreeFieldArrays(record);
     record->iSwapped = 0;  // the byte order is the new file's
   } else {
     record = static_cast<IMStreamRecord*>(std::calloc(1, sizeof(IMStreamRecord)));

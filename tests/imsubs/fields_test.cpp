@@ -231,6 +231,24 @@ TEST_F(FieldsTest, ReadingTheFieldAgainForgetsUnwrittenStores) {
   EXPECT_EQ(IMRtFieldInt(1, "fresh", &value), 731);
 }
 
+// Reusing an open slot for another file must not show the first file's fields.
+TEST_F(FieldsTest, ReopeningASlotForgetsTheEarlierFields) {
+  openStack();
+  ASSERT_EQ(IMAlFieldInt(1, "kept", 1), 0);
+  ASSERT_EQ(IMWrHdr2(1, 1), 0);
+  ASSERT_EQ(IMRtNumFields(1), 1);
+  RawHeader h;
+  h.basic(2, 2, 1, 1, 1, 2, 100);
+  writeBytes(file("plain"), h.bytes);
+  CaptureStderr();
+  ASSERT_EQ(IMOpen(1, file("plain").c_str(), "ro"), 0);
+  GetCapturedStderr();
+  EXPECT_EQ(IMRtNumFields(1), 0);
+  int value = 0;
+  EXPECT_NE(IMRtFieldInt(1, "kept", &value), 0);
+  IMClose(1);
+}
+
 TEST_F(FieldsTest, ByteCounting) {
   openStack();
   // 2 sections of 40 words in a 4096-byte block.
