@@ -53,7 +53,7 @@ TargetSpec benchTarget() {
 
 // The target on disk for the life of the process.
 struct BenchTarget {
-  TargetSpec spec = benchTarget();
+  TargetSpec layout = benchTarget();
   std::string path;
   std::string output;
 
@@ -62,7 +62,7 @@ struct BenchTarget {
     if (mkdtemp(dir) == nullptr) std::abort();
     path = std::string(dir) + "/target.qf";
     output = std::string(dir) + "/alignment.txt";
-    if (!targettest::writeTargetStack(path, spec)) std::abort();
+    if (!targettest::writeTargetStack(path, layout)) std::abort();
   }
   ~BenchTarget() {
     unlink(path.c_str());
@@ -91,7 +91,7 @@ struct FocusPlanes {
 };
 
 void focusPlane(int channel, Plane& plane) {
-  const TargetSpec& s = target().spec;
+  const TargetSpec& s = target().layout;
   std::vector<float> section(plane.pixels.size());
   int focus = 0;
   IMOpen(kStackStream, target().path.c_str(), "ro");
@@ -160,7 +160,7 @@ BENCHMARK(BM_WholeCalibration)
     ->Iterations(2);
 
 void BM_FocusSearchOneChannel(benchmark::State& state) {
-  const TargetSpec& s = target().spec;
+  const TargetSpec& s = target().layout;
   std::vector<float> section(std::size_t(s.numRows) * s.numCols);
   IMOpen(kStackStream, target().path.c_str(), "ro");
   int focus = 0;
