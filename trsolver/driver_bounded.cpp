@@ -14,6 +14,10 @@ struct BoundedFamily {
   // iter2 and eps[5] are not read by this family. The shift it leaves in
   // lambda belongs to the scaled subproblem while the ratio takes snorm and
   // jsnorm of the final step in x units: the two mix units, as intended.
+  // With bounds far from x the step in x units is the longer one, so the
+  // predicted reduction is overrated and the ratio stays low; the radius can
+  // then halve step by step down to eps[0] and end the run with reason 2
+  // short of the optimum. That early stop is intended too.
   static int64_t solveStep(const trs_driver::DriverRun<TrStateBounded>& run) {
     TrStateBounded* st = run.st;
     int64_t status = 0;
