@@ -271,92 +271,40 @@ int getNarrow(TrHandle* handle, int* iterations, int* stop_reason, double* r1, d
 
 }  // namespace
 
+// Every operation is exported under three names: plain, with a trailing
+// underscore, and in capitals, all with the same arguments and body.
+#define TRS_EXPORT_THREE_FORMS(lower, upper, params, body) \
+  int lower params body                                    \
+  int lower##_ params body                                 \
+  int upper params body
+
 extern "C" {
 
-int dtrnlsp_init(TrHandle* h, const int* n, const int* m, double* x, double* eps, const int* iter1,
-                 const int* iter2, const double* rs) {
-  return initFree(h, n, m, x, eps, iter1, iter2, rs);
-}
-int dtrnlsp_init_(TrHandle* h, const int* n, const int* m, double* x, double* eps, const int* iter1,
-                  const int* iter2, const double* rs) {
-  return initFree(h, n, m, x, eps, iter1, iter2, rs);
-}
-int DTRNLSP_INIT(TrHandle* h, const int* n, const int* m, double* x, double* eps, const int* iter1,
-                 const int* iter2, const double* rs) {
-  return initFree(h, n, m, x, eps, iter1, iter2, rs);
-}
+TRS_EXPORT_THREE_FORMS(dtrnlsp_init, DTRNLSP_INIT,
+                       (TrHandle * h, const int* n, const int* m, double* x, double* eps,
+                        const int* iter1, const int* iter2, const double* rs),
+                       { return initFree(h, n, m, x, eps, iter1, iter2, rs); })
+TRS_EXPORT_THREE_FORMS(dtrnlsp_solve, DTRNLSP_SOLVE,
+                       (TrHandle * h, double* fvec, double* fjac, int* rci),
+                       { return solveNarrow<trs_dtrnlsp_solve>(h, fvec, fjac, rci); })
+TRS_EXPORT_THREE_FORMS(dtrnlsp_get, DTRNLSP_GET,
+                       (TrHandle * h, int* iterations, int* stop_reason, double* r1, double* r2),
+                       { return getNarrow<trs_dtrnlsp_get>(h, iterations, stop_reason, r1, r2); })
+TRS_EXPORT_THREE_FORMS(dtrnlsp_delete, DTRNLSP_DELETE, (TrHandle * h),
+                       { return trs_dtrnlsp_delete(h); })
 
-int dtrnlsp_solve(TrHandle* h, double* fvec, double* fjac, int* rci) {
-  return solveNarrow<trs_dtrnlsp_solve>(h, fvec, fjac, rci);
-}
-int dtrnlsp_solve_(TrHandle* h, double* fvec, double* fjac, int* rci) {
-  return solveNarrow<trs_dtrnlsp_solve>(h, fvec, fjac, rci);
-}
-int DTRNLSP_SOLVE(TrHandle* h, double* fvec, double* fjac, int* rci) {
-  return solveNarrow<trs_dtrnlsp_solve>(h, fvec, fjac, rci);
-}
-
-int dtrnlsp_get(TrHandle* h, int* iterations, int* stop_reason, double* r1, double* r2) {
-  return getNarrow<trs_dtrnlsp_get>(h, iterations, stop_reason, r1, r2);
-}
-int dtrnlsp_get_(TrHandle* h, int* iterations, int* stop_reason, double* r1, double* r2) {
-  return getNarrow<trs_dtrnlsp_get>(h, iterations, stop_reason, r1, r2);
-}
-int DTRNLSP_GET(TrHandle* h, int* iterations, int* stop_reason, double* r1, double* r2) {
-  return getNarrow<trs_dtrnlsp_get>(h, iterations, stop_reason, r1, r2);
-}
-
-int dtrnlsp_delete(TrHandle* h) {
-  return trs_dtrnlsp_delete(h);
-}
-int dtrnlsp_delete_(TrHandle* h) {
-  return trs_dtrnlsp_delete(h);
-}
-int DTRNLSP_DELETE(TrHandle* h) {
-  return trs_dtrnlsp_delete(h);
-}
-
-int dtrnlspbc_init(TrHandle* h, const int* n, const int* m, double* x, double* lw, double* up,
-                   double* eps, const int* iter1, const int* iter2, const double* rs) {
-  return initBounded(h, n, m, x, lw, up, eps, iter1, iter2, rs);
-}
-int dtrnlspbc_init_(TrHandle* h, const int* n, const int* m, double* x, double* lw, double* up,
-                    double* eps, const int* iter1, const int* iter2, const double* rs) {
-  return initBounded(h, n, m, x, lw, up, eps, iter1, iter2, rs);
-}
-int DTRNLSPBC_INIT(TrHandle* h, const int* n, const int* m, double* x, double* lw, double* up,
-                   double* eps, const int* iter1, const int* iter2, const double* rs) {
-  return initBounded(h, n, m, x, lw, up, eps, iter1, iter2, rs);
-}
-
-int dtrnlspbc_solve(TrHandle* h, double* fvec, double* fjac, int* rci) {
-  return solveNarrow<trs_dtrnlspbc_solve>(h, fvec, fjac, rci);
-}
-int dtrnlspbc_solve_(TrHandle* h, double* fvec, double* fjac, int* rci) {
-  return solveNarrow<trs_dtrnlspbc_solve>(h, fvec, fjac, rci);
-}
-int DTRNLSPBC_SOLVE(TrHandle* h, double* fvec, double* fjac, int* rci) {
-  return solveNarrow<trs_dtrnlspbc_solve>(h, fvec, fjac, rci);
-}
-
-int dtrnlspbc_get(TrHandle* h, int* iterations, int* stop_reason, double* r1, double* r2) {
-  return getNarrow<trs_dtrnlspbc_get>(h, iterations, stop_reason, r1, r2);
-}
-int dtrnlspbc_get_(TrHandle* h, int* iterations, int* stop_reason, double* r1, double* r2) {
-  return getNarrow<trs_dtrnlspbc_get>(h, iterations, stop_reason, r1, r2);
-}
-int DTRNLSPBC_GET(TrHandle* h, int* iterations, int* stop_reason, double* r1, double* r2) {
-  return getNarrow<trs_dtrnlspbc_get>(h, iterations, stop_reason, r1, r2);
-}
-
-int dtrnlspbc_delete(TrHandle* h) {
-  return trs_dtrnlspbc_delete(h);
-}
-int dtrnlspbc_delete_(TrHandle* h) {
-  return trs_dtrnlspbc_delete(h);
-}
-int DTRNLSPBC_DELETE(TrHandle* h) {
-  return trs_dtrnlspbc_delete(h);
-}
+TRS_EXPORT_THREE_FORMS(dtrnlspbc_init, DTRNLSPBC_INIT,
+                       (TrHandle * h, const int* n, const int* m, double* x, double* lw,
+                        double* up, double* eps, const int* iter1, const int* iter2,
+                        const double* rs),
+                       { return initBounded(h, n, m, x, lw, up, eps, iter1, iter2, rs); })
+TRS_EXPORT_THREE_FORMS(dtrnlspbc_solve, DTRNLSPBC_SOLVE,
+                       (TrHandle * h, double* fvec, double* fjac, int* rci),
+                       { return solveNarrow<trs_dtrnlspbc_solve>(h, fvec, fjac, rci); })
+TRS_EXPORT_THREE_FORMS(dtrnlspbc_get, DTRNLSPBC_GET,
+                       (TrHandle * h, int* iterations, int* stop_reason, double* r1, double* r2),
+                       { return getNarrow<trs_dtrnlspbc_get>(h, iterations, stop_reason, r1, r2); })
+TRS_EXPORT_THREE_FORMS(dtrnlspbc_delete, DTRNLSPBC_DELETE, (TrHandle * h),
+                       { return trs_dtrnlspbc_delete(h); })
 
 }  // extern "C"
