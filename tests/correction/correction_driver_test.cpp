@@ -10,6 +10,7 @@
 
 #include "imsubs/imsubs.h"
 #include "model/model.h"
+#include "support/stack_writer.h"
 #include "support/testutil.h"
 
 namespace {
@@ -33,30 +34,14 @@ double carriedValue(int valueId, int z, int w, int t) {
 }
 
 void writeStack(const std::string& path, const StackSpec& s) {
-  ASSERT_EQ(IMOpen(kTestStream, path.c_str(), "new"), 0);
-  ASSERT_EQ(IMCrHdr2(kTestStream, s.nx, s.ny, s.nz, s.nw, s.nt, 0, 2), 0);
-  ASSERT_EQ(IMAlDel2(kTestStream, s.dx, s.dy, s.dz), 0);
-  for (int w = 0; w < s.nw; ++w) ASSERT_EQ(IMAlWav2(kTestStream, w, s.waves[w]), 0);
-  if (s.extValues) {
-    ASSERT_EQ(IMAlExHdrType(kTestStream, 4, 1, s.nz * s.nw * s.nt), 0);
-  }
-  std::vector<float> section(s.nx * s.ny);
-  for (int t = 0; t < s.nt; ++t) {
-    for (int w = 0; w < s.nw; ++w) {
-      for (int z = 0; z < s.nz; ++z) {
-        for (int y = 0; y < s.ny; ++y) {
-          for (int x = 0; x < s.nx; ++x) section[y * s.nx + x] = pixelValue(x, y, z, w, t);
-        }
-        ASSERT_EQ(IMPosnZWT(kTestStream, z, w, t), 0);
-        ASSERT_EQ(IMWrSec(kTestStream, section.data()), 0);
-        for (int id = 0; s.extValues && id <= 4; ++id) {
-          ASSERT_EQ(IMAlExHdrValueZWT(kTestStream, z, w, t, id, carriedValue(id, z, w, t)), 0);
-        }
-      }
+  const testutil::StackLayout layout{s.nx, s.ny, s.nz, s.nw,    s.nt,
+                                     s.dx, s.dy, s.dz, s.waves, s.extValues ? 5 : 0};
+  const auto fill = [&](std::vector<float>& section, int z, int w, int t) {
+    for (int y = 0; y < s.ny; ++y) {
+      for (int x = 0; x < s.nx; ++x) section[y * s.nx + x] = pixelValue(x, y, z, w, t);
     }
-  }
-  ASSERT_EQ(IMWrHdr2(kTestStream, 1), 0);
-  ASSERT_EQ(IMClose(kTestStream), 0);
+  };
+  ASSERT_TRUE(testutil::writeStack(path, layout, fill, kTestStream, carriedValue));
 }
 
 // A channel row of the linear model in physical units of the stack `s`:

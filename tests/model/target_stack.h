@@ -15,6 +15,8 @@
 
 #include "imsubs/imsubs.h"
 #include "model/model.h"
+// Relative, so that the benchmark finds it from the repository root too.
+#include "../support/stack_writer.h"
 
 namespace targettest {
 
@@ -140,26 +142,21 @@ inline void renderSection(std::vector<float>& section, const TargetSpec& s,
 
 // Writes the target; returns false on any failing library call.
 inline bool writeTargetStack(const std::string& path, const TargetSpec& s, int stream = 9) {
-  const int numW = static_cast<int>(s.channels.size());
-  if (IMOpen(stream, path.c_str(), "new") != 0) return false;
-  bool ok = IMCrHdr2(stream, s.numCols, s.numRows, s.numZ, numW, s.numTimes, 0, 2) == 0 &&
-            IMAlDel2(stream, s.spacingX, s.spacingY, s.spacingZ) == 0;
-  for (int w = 0; ok && w < numW; ++w) ok = IMAlWav2(stream, w, s.channels[w].wavelength) == 0;
-  const std::vector<CorvanePoint2D> spots = referenceSpots(s);
-  std::vector<float> section(static_cast<std::size_t>(s.numRows) * s.numCols);
-  for (int w = 0; ok && w < numW; ++w) {
-    const ChannelTruth& truth = s.channels[w];
-    const std::vector<CorvanePoint2D> channelSpots =
-        applyModel(truth.kind, truth.model.data(), spots);
-    for (int t = 0; ok && t < s.numTimes; ++t) {
-      for (int z = 0; ok && z < s.numZ; ++z) {
-        renderSection(section, s, channelSpots, z, w, t);
-        ok = IMPosnZWT(stream, z, w, t) == 0 && IMWrSec(stream, section.data()) == 0;
-      }
-    }
+  testutil::StackLayout layout;
+  layout.nx = s.numCols, layout.ny = s.numRows, layout.nz = s.numZ, layout.nt = s.numTimes;
+  layout.nw = static_cast<int>(s.channels.size());
+  layout.dx = s.spacingX, layout.dy = s.spacingY, layout.dz = s.spacingZ;
+  std::vector<std::vector<CorvanePoint2D>> channelSpots;
+  for (const ChannelTruth& truth : s.channels) {
+    layout.waves.push_back(truth.wavelength);
+    channelSpots.push_back(applyModel(truth.kind, truth.model.data(), referenceSpots(s)));
   }
-  ok = ok && IMWrHdr2(stream, 1) == 0;
-  return IMClose(stream) == 0 && ok;
+  return testutil::writeStack(
+      path, layout,
+      [&](std::vector<float>& section, int z, int w, int t) {
+        renderSection(section, s, channelSpots[w], z, w, t);
+      },
+      stream);
 }
 
 // Root mean square, over every pixel of the section, of the distance between

@@ -12,6 +12,7 @@
 
 #include "imsubs/imsubs.h"
 #include "spots/spots.h"
+#include "support/stack_writer.h"
 #include "support/testutil.h"
 
 namespace {
@@ -183,20 +184,13 @@ float stackPixel(int r, int c, int z, int t, const BestOf& best) {
 }
 
 void writeStack(const std::string& path, int nz, int nt, const BestOf& best) {
-  char mode[] = "new";
-  ASSERT_EQ(IMOpen(kStream, path.c_str(), mode), 0);
-  ASSERT_EQ(IMCrHdr2(kStream, kCols, kRows, nz, 1, nt, 0, 2), 0);
-  std::vector<float> section(kRows * kCols);
-  for (int t = 0; t < nt; ++t) {
-    for (int z = 0; z < nz; ++z) {
-      for (int r = 0; r < kRows; ++r)
-        for (int c = 0; c < kCols; ++c) section[r * kCols + c] = stackPixel(r, c, z, t, best);
-      ASSERT_EQ(IMPosnZWT(kStream, z, 0, t), 0);
-      ASSERT_EQ(IMWrSec(kStream, section.data()), 0);
-    }
-  }
-  ASSERT_EQ(IMWrHdr2(kStream, 1), 0);
-  ASSERT_EQ(IMClose(kStream), 0);
+  testutil::StackLayout layout;
+  layout.nx = kCols, layout.ny = kRows, layout.nz = nz, layout.nt = nt;
+  const auto fill = [&](std::vector<float>& section, int z, int, int t) {
+    for (int r = 0; r < kRows; ++r)
+      for (int c = 0; c < kCols; ++c) section[r * kCols + c] = stackPixel(r, c, z, t, best);
+  };
+  ASSERT_TRUE(testutil::writeStack(path, layout, fill, kStream));
 }
 
 }  // namespace

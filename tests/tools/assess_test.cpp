@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "imsubs/imsubs.h"
+#include "support/stack_writer.h"
 #include "support/testutil.h"
 #include "tools/common/synth.h"
 
@@ -44,35 +45,26 @@ std::vector<CorvanePoint2D> referenceSpots() {
 }
 
 void writeConstructed(const std::string& path, const Constructed& k) {
-  ASSERT_EQ(IMOpen(kStream, path.c_str(), "new"), 0);
-  ASSERT_EQ(IMCrHdr2(kStream, kCols, kRows, kSections, 2, 1, 0, 2), 0);
-  ASSERT_EQ(IMAlDel2(kStream, kSpacing, kSpacing, 0.2f), 0);
-  ASSERT_EQ(IMAlWav2(kStream, 0, 500.0f), 0);
-  ASSERT_EQ(IMAlWav2(kStream, 1, 600.0f), 0);
-  std::vector<float> pixels(kCols * kRows);
-  for (int w = 0; w < 2; ++w) {
+  const testutil::StackLayout layout{kCols,    kRows, kSections,       2, 1, kSpacing,
+                                     kSpacing, 0.2f,  {500.0f, 600.0f}};
+  const auto fill = [&](std::vector<float>& pixels, int z, int w, int) {
     const int focus = 3 + (w == 1 ? k.dz : 0);
-    for (int z = 0; z < kSections; ++z) {
-      const double sigma = 1.5 * std::sqrt(1.0 + (z - focus) * (z - focus));
+    const double sigma = 1.5 * std::sqrt(1.0 + (z - focus) * (z - focus));
+    for (int y = 0; y < kRows; ++y) {
+      for (int x = 0; x < kCols; ++x) pixels[y * kCols + x] = 50.0f + ((x * 7 + y * 3) % 5);
+    }
+    for (const CorvanePoint2D& s : referenceSpots()) {
+      const CorvanePoint2D p = w == 1 ? displaced(k, s.x, s.y) : s;
       for (int y = 0; y < kRows; ++y) {
-        for (int x = 0; x < kCols; ++x) pixels[y * kCols + x] = 50.0f + ((x * 7 + y * 3) % 5);
-      }
-      for (const CorvanePoint2D& s : referenceSpots()) {
-        const CorvanePoint2D p = w == 1 ? displaced(k, s.x, s.y) : s;
-        for (int y = 0; y < kRows; ++y) {
-          for (int x = 0; x < kCols; ++x) {
-            const double r2 = (x - p.x) * (x - p.x) + (y - p.y) * (y - p.y);
-            pixels[y * kCols + x] += static_cast<float>(2000.0 / (sigma * sigma) *
-                                                        std::exp(-0.5 * r2 / (sigma * sigma)));
-          }
+        for (int x = 0; x < kCols; ++x) {
+          const double r2 = (x - p.x) * (x - p.x) + (y - p.y) * (y - p.y);
+          pixels[y * kCols + x] +=
+              static_cast<float>(2000.0 / (sigma * sigma) * std::exp(-0.5 * r2 / (sigma * sigma)));
         }
       }
-      ASSERT_EQ(IMPosnZWT(kStream, z, w, 0), 0);
-      ASSERT_EQ(IMWrSec(kStream, pixels.data()), 0);
     }
-  }
-  ASSERT_EQ(IMWrHdr2(kStream, 1), 0);
-  ASSERT_EQ(IMClose(kStream), 0);
+  };
+  ASSERT_TRUE(testutil::writeStack(path, layout, fill, kStream));
 }
 
 TEST(AssessTest, MeasuresKnownOffsetsOfConstructedStacks) {
