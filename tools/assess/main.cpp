@@ -9,10 +9,11 @@
 #include <string>
 
 #include "tools/common/assess.h"
+#include "tools/common/cli.h"
 
 namespace {
 
-constexpr int kUsageError = 2;
+constexpr char kProgram[] = "corvane-assess";
 
 void printHelp() {
   std::printf(
@@ -43,11 +44,6 @@ void printHelp() {
       "  --help              this text\n");
 }
 
-[[noreturn]] void usageError(const std::string& message) {
-  std::fprintf(stderr, "corvane-assess: %s\n(see corvane-assess --help)\n", message.c_str());
-  std::exit(kUsageError);
-}
-
 [[noreturn]] void fail(const std::string& message) {
   std::fprintf(stderr, "corvane-assess: %s\n", message.c_str());
   std::exit(1);
@@ -73,15 +69,6 @@ struct Run {
   bool summary = false;
 };
 
-double parseNumber(const char* text, const char* option) {
-  char* end = nullptr;
-  const double v = std::strtod(text, &end);
-  if (end == text || *end != '\0' || !std::isfinite(v)) {
-    usageError(std::string("--") + option + ": '" + text + "' is not a number");
-  }
-  return v;
-}
-
 Run parseCommandLine(int argc, char** argv) {
   Run run;
   int id;
@@ -94,14 +81,14 @@ Run parseCommandLine(int argc, char** argv) {
         run.paramsPath = optarg;
         break;
       case kReference:
-        run.options.reference = static_cast<int>(parseNumber(optarg, "reference"));
+        run.options.reference = static_cast<int>(cli::parseNumber(kProgram, optarg, "reference"));
         run.referenceGiven = true;
         break;
       case kTime:
-        run.options.time = static_cast<int>(parseNumber(optarg, "time"));
+        run.options.time = static_cast<int>(cli::parseNumber(kProgram, optarg, "time"));
         break;
       case kMaxDistance:
-        run.options.maxPairDistance = parseNumber(optarg, "max-distance");
+        run.options.maxPairDistance = cli::parseNumber(kProgram, optarg, "max-distance");
         break;
       case kJson:
         run.json = true;
@@ -113,13 +100,15 @@ Run parseCommandLine(int argc, char** argv) {
         printHelp();
         std::exit(0);
       default:
-        usageError("bad option");
+        cli::usageError(kProgram, "bad option");
     }
   }
   if (optind < argc) run.stack = argv[optind++];
-  if (optind < argc) usageError("give at most one STACK");
-  if (run.stack.empty() && run.paramsPath.empty()) usageError("give a STACK or --params");
-  if (!run.paramsPath.empty() && run.truthPath.empty()) usageError("--params needs --truth");
+  if (optind < argc) cli::usageError(kProgram, "give at most one STACK");
+  if (run.stack.empty() && run.paramsPath.empty())
+    cli::usageError(kProgram, "give a STACK or --params");
+  if (!run.paramsPath.empty() && run.truthPath.empty())
+    cli::usageError(kProgram, "--params needs --truth");
   return run;
 }
 

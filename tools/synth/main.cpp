@@ -15,11 +15,12 @@
 #include <string>
 
 #include "model/model.h"
+#include "tools/common/cli.h"
 #include "tools/common/synth.h"
 
 namespace {
 
-constexpr int kUsageError = 2;
+constexpr char kProgram[] = "corvane-synth";
 
 void printHelp() {
   std::printf(
@@ -97,24 +98,11 @@ void printHelp() {
       "fields of 320 pixels or more keep that true.\n");
 }
 
-[[noreturn]] void usageError(const std::string& message) {
-  std::fprintf(stderr, "corvane-synth: %s\n(see corvane-synth --help)\n", message.c_str());
-  std::exit(kUsageError);
-}
-
-double parseNumber(const char* text, const char* option) {
-  char* end = nullptr;
-  const double v = std::strtod(text, &end);
-  if (end == text || *end != '\0' || !std::isfinite(v)) {
-    usageError(std::string("--") + option + ": '" + text + "' is not a number");
-  }
-  return v;
-}
-
 int parseInteger(const char* text, const char* option) {
-  const double v = parseNumber(text, option);
+  const double v = cli::parseNumber(kProgram, text, option);
   if (v != std::floor(v) || std::fabs(v) > 1e9) {
-    usageError(std::string("--") + option + ": '" + text + "' is not a whole number");
+    cli::usageError(kProgram,
+                    std::string("--") + option + ": '" + text + "' is not a whole number");
   }
   return static_cast<int>(v);
 }
@@ -126,7 +114,7 @@ std::vector<double> parseList(const char* text, const char* option) {
   while (start <= s.size()) {
     size_t comma = s.find(',', start);
     if (comma == std::string::npos) comma = s.size();
-    values.push_back(parseNumber(s.substr(start, comma - start).c_str(), option));
+    values.push_back(cli::parseNumber(kProgram, s.substr(start, comma - start).c_str(), option));
     start = comma + 1;
   }
   return values;
@@ -250,7 +238,7 @@ void applyOption(int id, const char* arg, Run& run, int& channels, bool& wavelen
     }
     case kSpacing: {
       const std::vector<double> s = parseList(arg, "spacing");
-      if (s.size() != 3) usageError("--spacing takes X,Y,Z");
+      if (s.size() != 3) cli::usageError(kProgram, "--spacing takes X,Y,Z");
       g.spacingX = static_cast<float>(s[0]);
       g.spacingY = static_cast<float>(s[1]);
       g.spacingZ = static_cast<float>(s[2]);
@@ -262,43 +250,43 @@ void applyOption(int id, const char* arg, Run& run, int& channels, bool& wavelen
     case kWhat: {
       const std::string w(arg);
       if (w != "target" && w != "specimen" && w != "both")
-        usageError("--what: target, specimen or both");
+        cli::usageError(kProgram, "--what: target, specimen or both");
       run.writeTarget = w != "specimen";
       run.writeSpecimen = w != "target";
       break;
     }
     case kLayout: {
       const std::string l(arg);
-      if (l != "grid" && l != "random") usageError("--layout: grid or random");
+      if (l != "grid" && l != "random") cli::usageError(kProgram, "--layout: grid or random");
       c.layout.layout = l == "grid" ? synth::Layout::kGrid : synth::Layout::kRandom;
       break;
     }
     case kPitch:
-      c.layout.pitch = parseNumber(arg, "pitch");
+      c.layout.pitch = cli::parseNumber(kProgram, arg, "pitch");
       break;
     case kSpots:
       c.layout.count = parseInteger(arg, "spots");
       break;
     case kMinSpacing:
-      c.layout.minSpacing = parseNumber(arg, "min-spacing");
+      c.layout.minSpacing = cli::parseNumber(kProgram, arg, "min-spacing");
       break;
     case kPsfSigma:
-      c.optics.psfSigma = parseNumber(arg, "psf-sigma");
+      c.optics.psfSigma = cli::parseNumber(kProgram, arg, "psf-sigma");
       break;
     case kFocusDepth:
-      c.optics.focusDepth = parseNumber(arg, "focus-depth");
+      c.optics.focusDepth = cli::parseNumber(kProgram, arg, "focus-depth");
       break;
     case kPhotons:
-      c.optics.spotPhotons = parseNumber(arg, "photons");
+      c.optics.spotPhotons = cli::parseNumber(kProgram, arg, "photons");
       break;
     case kBackground:
-      c.optics.background = parseNumber(arg, "background");
+      c.optics.background = cli::parseNumber(kProgram, arg, "background");
       break;
     case kReadNoise:
-      c.optics.readNoise = parseNumber(arg, "read-noise");
+      c.optics.readNoise = cli::parseNumber(kProgram, arg, "read-noise");
       break;
     case kOffset:
-      c.optics.cameraOffset = parseNumber(arg, "offset");
+      c.optics.cameraOffset = cli::parseNumber(kProgram, arg, "offset");
       break;
     case kFocusSection:
       c.focusSection = parseInteger(arg, "focus-section");
@@ -306,12 +294,12 @@ void applyOption(int id, const char* arg, Run& run, int& channels, bool& wavelen
     case kSeed: {
       char* end = nullptr;
       c.seed = std::strtoull(arg, &end, 10);
-      if (end == arg || *end != '\0') usageError("--seed takes a whole number");
+      if (end == arg || *end != '\0') cli::usageError(kProgram, "--seed takes a whole number");
       break;
     }
     case kModel: {
       const std::string m(arg);
-      if (m != "radial" && m != "linear") usageError("--model: radial or linear");
+      if (m != "radial" && m != "linear") cli::usageError(kProgram, "--model: radial or linear");
       c.linearFlag = m == "linear" ? 1 : 0;
       break;
     }
@@ -322,26 +310,26 @@ void applyOption(int id, const char* arg, Run& run, int& channels, bool& wavelen
       c.reference = parseInteger(arg, "reference");
       break;
     case kMaxMag:
-      c.bounds.magnification = parseNumber(arg, "max-magnification");
+      c.bounds.magnification = cli::parseNumber(kProgram, arg, "max-magnification");
       break;
     case kMaxRot:
-      c.bounds.rotation = parseNumber(arg, "max-rotation");
+      c.bounds.rotation = cli::parseNumber(kProgram, arg, "max-rotation");
       break;
     case kMaxShift:
-      c.bounds.shift = parseNumber(arg, "max-shift");
+      c.bounds.shift = cli::parseNumber(kProgram, arg, "max-shift");
       break;
     case kMaxZ:
       c.bounds.zOffset = parseInteger(arg, "max-z-offset");
       break;
     case kMaxHigh:
-      c.bounds.highOrder = parseNumber(arg, "max-high-order");
+      c.bounds.highOrder = cli::parseNumber(kProgram, arg, "max-high-order");
       break;
     case kChannel: {
       int index;
       synth::ChannelOverride values;
       std::string error;
       if (!synth::parseChannelOverride(arg, &index, &values, &error))
-        usageError("--channel: " + error);
+        cli::usageError(kProgram, "--channel: " + error);
       c.overrides[index] = values;
       break;
     }
@@ -352,7 +340,7 @@ void applyOption(int id, const char* arg, Run& run, int& channels, bool& wavelen
       run.quiet = true;
       break;
     default:
-      usageError("unknown option");
+      cli::usageError(kProgram, "unknown option");
   }
 }
 
@@ -366,21 +354,21 @@ Run parseCommandLine(int argc, char** argv) {
       printHelp();
       std::exit(0);
     }
-    if (id == '?') usageError("bad option");
+    if (id == '?') cli::usageError(kProgram, "bad option");
     applyOption(id, optarg, run, channels, wavelengthsGiven);
   }
-  if (optind != argc - 1) usageError("give exactly one OUTPUT_DIR");
+  if (optind != argc - 1) cli::usageError(kProgram, "give exactly one OUTPUT_DIR");
   run.outputDir = argv[optind];
   if (channels >= 0) {
     if (wavelengthsGiven && channels != static_cast<int>(run.config.geometry.wavelengths.size())) {
-      usageError("--channels and --wavelengths disagree");
+      cli::usageError(kProgram, "--channels and --wavelengths disagree");
     }
-    if (channels < 1) usageError("--channels must be at least 1");
+    if (channels < 1) cli::usageError(kProgram, "--channels must be at least 1");
     if (!wavelengthsGiven) run.config.geometry.wavelengths = defaultWavelengths(channels);
   }
-  if (run.threads < 0) usageError("--threads must be 0 or more");
+  if (run.threads < 0) cli::usageError(kProgram, "--threads must be 0 or more");
   const std::string error = synth::validateConfig(run.config);
-  if (!error.empty()) usageError(error);
+  if (!error.empty()) cli::usageError(kProgram, error);
   return run;
 }
 
