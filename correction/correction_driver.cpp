@@ -35,19 +35,13 @@ constexpr double kMaximumStart = -1.0;
 
 const char kReadFailed[] = "Reading QF Input File Failed\n";
 const char kWriteFailed[] = "Writing QF Output File Failed\n";
+const char kStopLine[] = "Correction Stopped";
 
-// Reports a failure and ends the process: the reason and the stop line on
-// standard output, the technical line (if any) on standard error, then the
-// open streams are closed. Partial output stays where it is. A null reason
-// means the caller has printed its own.
+// Ends the correction on a failure (see stopRun); a null reason means the
+// caller has printed its own.
 [[noreturn]] void stopCorrection(const char* reason, const char* technical, bool outputOpen) {
-  if (reason != nullptr) puts(reason);
-  puts("Correction Stopped");
-  fflush(stdout);
-  if (technical != nullptr) fwrite(technical, 1, strlen(technical), stderr);
-  IMClose(kInputStream);
-  if (outputOpen) IMClose(kOutputStream);
-  exit(1);
+  if (outputOpen) stopRun(reason, kStopLine, technical, {kInputStream, kOutputStream});
+  stopRun(reason, kStopLine, technical, {kInputStream});
 }
 
 // What the correction takes from the input stack's header.
@@ -81,10 +75,7 @@ int wavelengthKey(double wavelength) {
 
 void openInput(char* pathInput) {
   if (IMOpen(kInputStream, pathInput, "ro") != 0) {
-    puts("Can Not Open QF Input File\n");
-    puts("Correction Stopped");
-    fflush(stdout);
-    exit(1);
+    stopRun("Can Not Open QF Input File\n", kStopLine, nullptr, {});
   }
   puts("QF Input File Opened\n");
   fflush(stdout);

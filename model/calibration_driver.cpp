@@ -34,6 +34,7 @@ constexpr double kNoMeasurement = -1.0;
 constexpr double kPercent = 100.0;
 
 const char kReadFailed[] = "Reading QF Input File Failed\n";
+const char kStopLine[] = "Calibration Stopped";
 const char kProgressMessage[] = "Calibration in progress";
 
 // What the driver takes from the stack's header.
@@ -64,23 +65,9 @@ Plane makePlane(int numRows, int numCols) {
   return plane;
 }
 
-// The stop of a failed read: both lines on standard output, the technical
-// line on standard error, the stream closed, status 1.
+// The stop of a failed read: the technical line on standard error.
 [[noreturn]] void stopReading(int stream, const char* technical) {
-  puts(kReadFailed);
-  puts("Calibration Stopped");
-  fflush(stdout);
-  fwrite(technical, 1, strlen(technical), stderr);
-  IMClose(stream);
-  exit(1);
-}
-
-[[noreturn]] void stopReferenceOutOfBoundary(int stream) {
-  puts("Reference Channel Index Out Of Boundary\n");
-  puts("Calibration Stopped");
-  fflush(stdout);
-  IMClose(stream);
-  exit(1);
+  stopRun(kReadFailed, kStopLine, technical, {stream});
 }
 
 CalibrationStack readStack(int stream) {
@@ -234,7 +221,7 @@ void performCalibrationPerFile(int stream, int referenceChannelIndex, int numIte
                                std::vector<std::vector<double>>& rows) {
   const CalibrationStack s = readStack(stream);
   if (referenceChannelIndex < 0 || referenceChannelIndex >= s.numChannels) {
-    stopReferenceOutOfBoundary(stream);
+    stopRun("Reference Channel Index Out Of Boundary\n", kStopLine, nullptr, {stream});
   }
 
   const float referenceWavelength = readWavelength(stream, referenceChannelIndex);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cmath>
+#include <initializer_list>
 #include <vector>
 
 // A position in a section, in pixels with fractions: X is the column, Y the
@@ -192,3 +193,10 @@ void performCalibrationPerChannel(double** channelRows, double** referenceRows, 
 void calibrationReadInputFileHeader(int stream, int* numRows, int* numCols, int* numZ,
                                     int* numChannels, int* numTimes, float* spacingX,
                                     float* spacingY, float* spacingZ);
+
+// Ends a calibration or correction that cannot go on: `reason` (if not null)
+// and `stopLine` on standard output, `technical` (if not null) on standard
+// error, then the image streams in `openStreams` closed; status 1. Partial
+// output stays where it is.
+[[noreturn]] void stopRun(const char* reason, const char* stopLine, const char* technical,
+                          std::initializer_list<int> openStreams);

@@ -21,13 +21,6 @@
 
 namespace {
 
-[[noreturn]] void stopCorrection(const char* reason) {
-  puts(reason);
-  puts("Correction Stopped");
-  fflush(stdout);
-  exit(1);
-}
-
 [[noreturn]] void failInvalidFile(FILE* file) {
   puts("Invalid Alignment Parameter Input File\n");
   puts("Correction Stopped");
@@ -53,7 +46,8 @@ void printRow(FILE* file, const double* v) {
 
 void readAlignmentParameter(char* path, std::vector<std::vector<double>>& rows) {
   FILE* file = fopen(path, "r");
-  if (file == nullptr) stopCorrection("Can Not Open Alignment Parameter Input File\n");
+  if (file == nullptr)
+    stopRun("Can Not Open Alignment Parameter Input File\n", "Correction Stopped", nullptr, {});
   puts("Alignment Parameter Input File Opened");
   fflush(stdout);
 
