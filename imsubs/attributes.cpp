@@ -342,9 +342,7 @@ int IMAlSpg(int iStream, int spaceGroup, int extHdrSize) {
   r->iExtHdrSize = std::max(extHdrSize, 0);
   int result = 0;
   if (r->iExtHdrSize != 0 && iReplaceExtHdrBlock(r, r->iExtHdrSize) != 0) {
-    std::fprintf(stderr, "IMAlSpg %d: unable to allocate memory for extended header values.\n",
-                 iStream);
-    result = 902;
+    result = iExtHdrNoMemory("IMAlSpg", iStream);
   }
   IMPosn(iStream, 0, 0);
   return result;

@@ -179,6 +179,12 @@ int iReplaceExtHdrBlock(IMStreamRecord* record, int size) {
   return 0;
 }
 
+int iExtHdrNoMemory(char const* caller, int iStream) {
+  std::fprintf(stderr, "%s %d: unable to allocate memory for extended header values.\n", caller,
+               iStream);
+  return 902;
+}
+
 // ---------------------------------------------------------------------------
 // Shape.
 
@@ -256,19 +262,11 @@ int IMAlExHdrType(int iStream, int type, int allocate, int sections) {
   int64_t const size = (bytes + kExtHdrBlockBytes - 1) / kExtHdrBlockBytes * kExtHdrBlockBytes +
                        kExtHdrTypeFixedBlocks;
   if (size > INT32_MAX) {
-    std::fprintf(stderr,
-                 "IMAlExHdrType %d: unable to allocate memory for extended header values.\n",
-                 iStream);
     iFreeExtHdr(r);
-    return 902;
+    return iExtHdrNoMemory("IMAlExHdrType", iStream);
   }
   r->iExtHdrSize = static_cast<int>(size);
-  if (iReplaceExtHdrBlock(r, r->iExtHdrSize) != 0) {
-    std::fprintf(stderr,
-                 "IMAlExHdrType %d: unable to allocate memory for extended header values.\n",
-                 iStream);
-    return 902;
-  }
+  if (iReplaceExtHdrBlock(r, r->iExtHdrSize) != 0) return iExtHdrNoMemory("IMAlExHdrType", iStream);
   IMPosn(iStream, 0, 0);
   return 0;
 }
@@ -290,10 +288,7 @@ int IMAlExHdrInfo(int iStream, int type, int size, int ints, int floats) {
   r->iExtHdrSize = std::max(size, 0);
   int result = 0;
   if (r->iExtHdrSize != 0 && iReplaceExtHdrBlock(r, r->iExtHdrSize) != 0) {
-    std::fprintf(stderr,
-                 "IMAlExHdrInfo %d: unable to allocate memory for extended header values.\n",
-                 iStream);
-    result = 902;
+    result = iExtHdrNoMemory("IMAlExHdrInfo", iStream);
   }
   r->pFieldSection = cGetFieldSectionPtr(iStream);
   iCalcFieldBytesMax(r);

@@ -305,6 +305,10 @@ bool iExtHdrShape(int type, int* ints, int* floats);
 // the four pointers are cleared and 902 returned; no message.
 int iReplaceExtHdrBlock(IMStreamRecord* record, int size);
 
+// Reports that `caller` could not allocate the extended header block of
+// stream `iStream`, and returns its status 902 (extended_header.cpp).
+int iExtHdrNoMemory(char const* caller, int iStream);
+
 // The one store step of the named field store: replaces the field of that
 // exact name or adds it; 720 (the field kept) when the fields no longer fit,
 // 1 for a null record (fields.cpp).
