@@ -12,8 +12,6 @@ namespace imtest {
 namespace {
 
 using testing::HasSubstr;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 constexpr unsigned char kUntouched = 0xA5;
 

@@ -12,9 +12,6 @@
 namespace imtest {
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
-
 constexpr int kNx = 4, kNy = 3, kNz = 3, kNw = 2, kNt = 2;
 
 class ExtendedHeaderTest : public ImsubsTest {
@@ -426,9 +423,9 @@ TEST_F(ExtendedHeaderTest, CopiesBetweenStreams) {
   // the target's coordinates counting from 0.
   ASSERT_EQ(IMAlZWT(2, 2, 1, 2, 0), 0);
   int const waves[2] = {0, 1};
-  testing::internal::CaptureStdout();
+  CaptureStdout();
   ASSERT_EQ(IMTrExHdr3(2, 1, 1, 2, 1, waves, 2, 0, 1, 1), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Transferring field 0: stage c 1 x\n");
+  EXPECT_EQ(GetCapturedStdout(), "Transferring field 0: stage c 1 x\n");
   for (int t = 0; t < 2; ++t) {
     for (int z = 0; z < 2; ++z) {
       int srcSec = 0;

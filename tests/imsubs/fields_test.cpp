@@ -12,10 +12,6 @@ namespace imtest {
 namespace {
 
 using testing::HasSubstr;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 constexpr int kRecordBytes = 8;  // one section of type 1 in front of the fields
 

@@ -8,11 +8,6 @@
 namespace imtest {
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
-
 class HeaderCallsTest : public ImsubsTest {
  protected:
   void openStack(int iStream, std::string const& name) {

@@ -8,9 +8,6 @@
 namespace imtest {
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
-
 constexpr int kNarrow = 0;
 constexpr int kWide = 100;
 

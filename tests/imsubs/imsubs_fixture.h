@@ -19,6 +19,11 @@
 
 namespace imtest {
 
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+
 // True when bytes must be reversed to reach the file's order.
 inline void putBytes(std::vector<unsigned char>& out, std::size_t offset, void const* value,
                      std::size_t width, bool foreign) {
@@ -86,9 +91,9 @@ class ImsubsTest : public ::testing::Test {
   void TearDown() override {
     for (int i = 1; i <= kMaxStreams; ++i) {
       if (gsStreams[i] != nullptr) {
-        testing::internal::CaptureStderr();
+        CaptureStderr();
         IMClose(i);
-        testing::internal::GetCapturedStderr();
+        GetCapturedStderr();
       }
     }
     IMAlPrt(0);

@@ -16,9 +16,6 @@
 namespace imtest {
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
-
 // The names that don't follow the plain rule.
 std::map<std::string, std::string> const kExceptions = {
     {"IMOpen", "imopen_"},
@@ -179,11 +176,10 @@ TEST_F(SecondLinkageTest, OpenTakesBlankPaddedStringsWithLengths) {
             "IMOpen_ 2: file name is too long.\nIMOpen_ 2: file name is too long.\n");
 
   IMAlPrt(2);
-  testing::internal::CaptureStdout();
+  CaptureStdout();
   EXPECT_EQ(imopen_(&s, path.c_str(), "old", static_cast<int>(path.size()), 3), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "IMOpen_ 2: string lengths = " + std::to_string(path.size()) + ", 3\n> name: " + path +
-                ".\n> attrib: old.\n");
+  EXPECT_EQ(GetCapturedStdout(), "IMOpen_ 2: string lengths = " + std::to_string(path.size()) +
+                                     ", 3\n> name: " + path + ".\n> attrib: old.\n");
 }
 
 TEST_F(SecondLinkageTest, WrappersThatDoMore) {

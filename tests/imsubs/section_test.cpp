@@ -9,9 +9,6 @@
 namespace imtest {
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
-
 class ImsubsSection : public ImsubsTest {
  protected:
   // A new stream with the given extents, one float pixel per section.

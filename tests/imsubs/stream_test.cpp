@@ -9,11 +9,6 @@
 namespace imtest {
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
-
 TEST(ImsubsErrorText, TableGivesEveryDocumentedText) {
   struct Case {
     unsigned int code;
@@ -341,18 +336,7 @@ TEST_F(ImsubsStream, RetryRuleCountsElevenCalls) {
   EXPECT_EQ(GetCapturedStderr(), "iStreamFileRead: compressed IO not supported.\n");
 }
 
-}  // namespace
-}  // namespace imtest
-
-namespace imtest {
-namespace {
-
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
-
-class ImsubsStreamMore : public ImsubsTest {};
-
-TEST_F(ImsubsStreamMore, VerboseVariableIsAnnouncedOnceAtTheFirstOpen) {
+TEST_F(ImsubsStream, VerboseVariableIsAnnouncedOnceAtTheFirstOpen) {
   std::string const out = file("stdout");
   std::string const stack = file("v");
   // In a child process, so that the first open of the process can be had.
@@ -371,7 +355,7 @@ TEST_F(ImsubsStreamMore, VerboseVariableIsAnnouncedOnceAtTheFirstOpen) {
       testing::ExitedWithCode(7), "");
 }
 
-TEST_F(ImsubsStreamMore, NamelessStreamHasNoHeaderAndStaysInTheTable) {
+TEST_F(ImsubsStream, NamelessStreamHasNoHeaderAndStaysInTheTable) {
   CaptureStderr();
   EXPECT_EQ(IMOpen(11, "", "ro"), 106);
   EXPECT_EQ(GetCapturedStderr(),
@@ -384,7 +368,7 @@ TEST_F(ImsubsStreamMore, NamelessStreamHasNoHeaderAndStaysInTheTable) {
   EXPECT_EQ(IMPosn(11, 3, 0), 0);
 }
 
-TEST_F(ImsubsStreamMore, ReadOnlyFileIsNeverModified) {
+TEST_F(ImsubsStream, ReadOnlyFileIsNeverModified) {
   RawHeader h;
   h.basic(2, 2, 2, 1, 1, 2, 100);
   std::vector<unsigned char> bytes = h.bytes;
@@ -406,7 +390,7 @@ TEST_F(ImsubsStreamMore, ReadOnlyFileIsNeverModified) {
   }
 }
 
-TEST_F(ImsubsStreamMore, ShortReadsTellTheEndOfFileByAccessPath) {
+TEST_F(ImsubsStream, ShortReadsTellTheEndOfFileByAccessPath) {
   RawHeader h;
   h.basic(4, 1, 2, 1, 1, 2, 100);
   std::vector<unsigned char> bytes = h.bytes;
