@@ -275,8 +275,12 @@ int64_t referenceTruncating(int type, float v, int& hi, int& lo) {
   return static_cast<int64_t>(v);
 }
 
-TEST_F(ImsubsPixels, SectionWriteClampsAndTruncates) {
+TEST_F(ImsubsPixels, SectionAndLineWritesClampAndRoundByTheirOwnRules) {
+  auto writeSecl = [](int s, float const* b) { return IMWrSecl(s, b, 1); };
+  auto writeLin = [](int s, float const* b) { return IMWrLin(s, b); };
+  enum Call { kSec, kSecl, kLin };
   struct Case {
+    Call call;
     int type;
     float value;
     int64_t stored;
@@ -284,64 +288,49 @@ TEST_F(ImsubsPixels, SectionWriteClampsAndTruncates) {
   };
   float const nan = std::numeric_limits<float>::quiet_NaN();
   Case const cases[] = {
-      {1, -32768.0f, -32767, "lo"},
-      {0, 255.9f, 255, "hi"},
-      {0, 254.9f, 254, ""},
-      {0, -0.5f, 0, "lo"},
-      {0, 0.99f, 0, ""},
-      {1, 32767.5f, 32767, "hi"},
-      {1, -3.7f, -3, ""},
-      {6, -1.0f, 0, "lo"},
-      {6, 65535.5f, 65535, "hi"},
-      {6, 40000.9f, 40000, ""},
-      {7, 2147483648.0f, INT32_MIN, ""},
-      {7, 3e9f, 2147483647, "hi"},
-      {7, -3e9f, INT32_MIN, "lo"},
-      {7, -123456.7f, -123456, ""},
-      {0, nan, 0, ""},
-      {1, nan, 0, ""},
+      {kSec, 1, -32768.0f, -32767, "lo"},
+      {kSec, 0, 255.9f, 255, "hi"},
+      {kSec, 0, 254.9f, 254, ""},
+      {kSec, 0, -0.5f, 0, "lo"},
+      {kSec, 0, 0.99f, 0, ""},
+      {kSec, 1, 32767.5f, 32767, "hi"},
+      {kSec, 1, -3.7f, -3, ""},
+      {kSec, 6, -1.0f, 0, "lo"},
+      {kSec, 6, 65535.5f, 65535, "hi"},
+      {kSec, 6, 40000.9f, 40000, ""},
+      {kSec, 7, 2147483648.0f, INT32_MIN, ""},
+      {kSec, 7, 3e9f, 2147483647, "hi"},
+      {kSec, 7, -3e9f, INT32_MIN, "lo"},
+      {kSec, 7, -123456.7f, -123456, ""},
+      {kSec, 0, nan, 0, ""},
+      {kSec, 1, nan, 0, ""},
+      {kSecl, 0, 1.5f, 2, ""},
+      {kSecl, 0, 254.6f, 255, "hi"},
+      {kSecl, 0, -0.4f, 0, ""},
+      {kSecl, 1, -3.7f, -3, ""},
+      {kSecl, 1, 2.5f, 2, ""},
+      {kLin, 0, 1.5f, 2, ""},
+      {kLin, 0, -0.7f, 0, ""},
+      {kLin, 0, 255.4f, 255, ""},
+      {kLin, 0, 255.5f, 255, "hi"},
+      {kLin, 1, -3.7f, -3, ""},
+      {kLin, 1, 2.5f, 3, ""},
+      {kLin, 6, 2.5f, 2, ""},
+      {kLin, 7, 2147483648.0f, 2147483647, "hi"},
   };
+  char const* const names[] = {"IMWrSec", "IMWrSecl", "IMWrLin"};
   for (Case const& c : cases) {
-    auto const [stored, err] = storeOne(c.type, c.value, IMWrSec);
-    EXPECT_EQ(stored, c.stored) << c.type << " " << c.value;
-    std::string const expected =
-        std::string(c.counted) == "hi"   ? "IMWrSec 20: intensity truncation (hi=1, lo=0).\n"
-        : std::string(c.counted) == "lo" ? "IMWrSec 20: intensity truncation (hi=0, lo=1).\n"
-                                         : "";
-    EXPECT_EQ(err, expected) << c.type << " " << c.value;
-  }
-}
-
-TEST_F(ImsubsPixels, LineWritesRoundByTheirOwnRules) {
-  auto writeSecl = [](int s, float const* b) { return IMWrSecl(s, b, 1); };
-  auto writeLin = [](int s, float const* b) { return IMWrLin(s, b); };
-  struct Case {
-    bool line;  // IMWrLin, else IMWrSecl
-    int type;
-    float value;
-    int64_t stored;
-    char const* err;
-  };
-  Case const cases[] = {
-      {false, 0, 1.5f, 2, ""},
-      {false, 0, 254.6f, 255, "IMWrSecl 20: intensity truncation (hi=1, lo=0).\n"},
-      {false, 0, -0.4f, 0, ""},
-      {false, 1, -3.7f, -3, ""},
-      {false, 1, 2.5f, 2, ""},
-      {true, 0, 1.5f, 2, ""},
-      {true, 0, -0.7f, 0, ""},
-      {true, 0, 255.4f, 255, ""},
-      {true, 0, 255.5f, 255, "IMWrLin 20: intensity truncation (hi=1, lo=0).\n"},
-      {true, 1, -3.7f, -3, ""},
-      {true, 1, 2.5f, 3, ""},
-      {true, 6, 2.5f, 2, ""},
-      {true, 7, 2147483648.0f, 2147483647, "IMWrLin 20: intensity truncation (hi=1, lo=0).\n"},
-  };
-  for (Case const& c : cases) {
-    auto const [stored, err] =
-        c.line ? storeOne(c.type, c.value, writeLin) : storeOne(c.type, c.value, writeSecl);
-    EXPECT_EQ(stored, c.stored) << c.line << " " << c.type << " " << c.value;
-    EXPECT_EQ(err, c.err);
+    SCOPED_TRACE(testing::Message() << names[c.call] << " " << c.type << " " << c.value);
+    auto const [stored, err] = c.call == kSec    ? storeOne(c.type, c.value, IMWrSec)
+                               : c.call == kSecl ? storeOne(c.type, c.value, writeSecl)
+                                                 : storeOne(c.type, c.value, writeLin);
+    EXPECT_EQ(stored, c.stored);
+    std::string const counts = std::string(c.counted) == "hi"   ? "hi=1, lo=0"
+                               : std::string(c.counted) == "lo" ? "hi=0, lo=1"
+                                                                : "";
+    EXPECT_EQ(err, counts.empty() ? ""
+                                  : std::string(names[c.call]) + " 20: intensity truncation (" +
+                                        counts + ").\n");
   }
 }
 
