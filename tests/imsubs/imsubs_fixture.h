@@ -57,10 +57,18 @@ struct RawHeader {
     for (int i = 0; i < 3; ++i) put<int32_t>(hdroff::giXYZSampling + 4 * i, 1);
     return *this;
   }
+  // Writes the header followed by zeros up to `size` bytes in all.
+  void writePadded(std::string const& path, std::size_t size) const;
 };
 
 inline void writeBytes(std::string const& path, std::vector<unsigned char> const& bytes) {
   testutil::writeFile(path, std::string(bytes.begin(), bytes.end()));
+}
+
+inline void RawHeader::writePadded(std::string const& path, std::size_t size) const {
+  std::vector<unsigned char> padded = bytes;
+  padded.resize(size);
+  writeBytes(path, padded);
 }
 
 inline std::vector<unsigned char> readBytes(std::string const& path) {

@@ -379,9 +379,7 @@ TEST_F(ImsubsPixels, ChunkedFastPathMatchesTheReference) {
 TEST_F(ImsubsPixels, TruncatedStackGives212) {
   RawHeader h;
   h.basic(4, 4, 3, 1, 1, 1, 100);
-  std::vector<unsigned char> bytes = h.bytes;
-  bytes.resize(1024 + 2 * 32 + 10);  // the third section is cut short
-  writeBytes(file("cut"), bytes);
+  h.writePadded(file("cut"), 1024 + 2 * 32 + 10);  // the third section is cut short
   ASSERT_EQ(IMOpen(3, file("cut").c_str(), "ro"), 0);
   std::vector<float> section(16);
   ASSERT_EQ(IMPosn(3, 2, 0), 0);
@@ -549,9 +547,7 @@ TEST_F(ImsubsPixels, HostileHeadersAreRefusedSafely) {
   for (Case const& c : cases) {
     RawHeader h;
     h.basic(c.nx, c.ny, 1, 1, 1, 2, 100);
-    std::vector<unsigned char> bytes = h.bytes;
-    bytes.resize(1024 + 64);
-    writeBytes(file("bad"), bytes);
+    h.writePadded(file("bad"), 1024 + 64);
     ASSERT_EQ(IMOpen(8, file("bad").c_str(), "ro"), 0);
     float out[16];
     CaptureStderr();
@@ -564,9 +560,7 @@ TEST_F(ImsubsPixels, HostileHeadersAreRefusedSafely) {
   // An extended header far larger than the file: 210, and the stream stays.
   RawHeader h;
   h.basic(2, 2, 1, 1, 1, 2, 100).put<int32_t>(hdroff::giExtHdrSize, 1 << 20);
-  std::vector<unsigned char> bytes = h.bytes;
-  bytes.resize(1024 + 100);
-  writeBytes(file("bigext"), bytes);
+  h.writePadded(file("bigext"), 1024 + 100);
   std::string const name = file("bigext");
   CaptureStderr();
   EXPECT_EQ(IMOpen(9, name.c_str(), "ro"), 210);

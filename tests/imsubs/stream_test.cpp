@@ -393,9 +393,7 @@ TEST_F(ImsubsStream, ReadOnlyFileIsNeverModified) {
 TEST_F(ImsubsStream, ShortReadsTellTheEndOfFileByAccessPath) {
   RawHeader h;
   h.basic(4, 1, 2, 1, 1, 2, 100);
-  std::vector<unsigned char> bytes = h.bytes;
-  bytes.resize(1024 + 16 + 6);
-  writeBytes(file("end"), bytes);
+  h.writePadded(file("end"), 1024 + 16 + 6);
   struct Case {
     char const* attrib;
     std::string firstLines;
