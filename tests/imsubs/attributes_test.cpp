@@ -202,9 +202,7 @@ TEST_F(AttributesTest, RefusedValuesLeaveRecordAndOutputsAlone) {
     std::vector<unsigned char> before(sizeof(IMStreamRecord));
     std::memcpy(before.data(), record(1), before.size());
     Outputs out;
-    CaptureStderr();
-    EXPECT_EQ(c.call(1, out), c.result);
-    EXPECT_EQ(GetCapturedStderr(), c.message);
+    EXPECT_EQ(stderrOf([&] { EXPECT_EQ(c.call(1, out), c.result); }), c.message);
     EXPECT_TRUE(out.untouched());
     EXPECT_EQ(std::memcmp(before.data(), record(1), before.size()), 0);
   }
@@ -269,14 +267,10 @@ TEST_F(AttributesTest, DisplayScaleFallsBackToTheChannelRange) {
     r->fMaxs[0] = c.max;
     r->iFileType = c.fileType;
     float scale[4] = {-1, -1, -1, -1};
-    CaptureStderr();
-    EXPECT_EQ(IMRtScl(1, c.w, scale), c.result);
-    GetCapturedStderr();
+    stderrOf([&] { EXPECT_EQ(IMRtScl(1, c.w, scale), c.result); });
     for (int i = 0; i < 4; ++i) EXPECT_EQ(scale[i], c.expected[i]) << i;
     float a, b, cc, d;
-    CaptureStderr();
-    EXPECT_EQ(IMRtScl2(1, c.w, &a, &b, &cc, &d), c.result);
-    GetCapturedStderr();
+    stderrOf([&] { EXPECT_EQ(IMRtScl2(1, c.w, &a, &b, &cc, &d), c.result); });
     EXPECT_EQ(a, c.expected[0]);
     EXPECT_EQ(d, c.expected[3]);
     IMClose(1);
@@ -318,9 +312,8 @@ TEST_F(AttributesTest, CellAndPixelSizesFollowTheSampling) {
   GetCapturedStderr();
 
   // A zero size is stored all the same, with its message and 502.
-  CaptureStderr();
-  EXPECT_EQ(IMAlDel2(1, 0.0f, 2.0f, 3.0f), 502);
-  EXPECT_EQ(GetCapturedStderr(), "IMAlDel 1: pixel size must be greater than 0\n");
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(IMAlDel2(1, 0.0f, 2.0f, 3.0f), 502); }),
+            "IMAlDel 1: pixel size must be greater than 0\n");
   EXPECT_EQ(src->fPixelSize[0], 0.0f);
   EXPECT_EQ(src->fCellSize[0], 0.0f);
   EXPECT_EQ(src->fCellSize[1], 2.0f);
@@ -365,9 +358,8 @@ TEST_F(AttributesTest, TitlesAreCutAt79Characters) {
   std::memset(labels, 'x', sizeof labels);  // no NUL in either
   labels[1][0] = '\0';
   openNew(1);
-  CaptureStderr();
-  EXPECT_EQ(IMAlLab(1, labels, 5), 401);
-  EXPECT_EQ(GetCapturedStderr(), "IMAlLab 1: 5 is too many titles. Truncating at 4...\n");
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(IMAlLab(1, labels, 5), 401); }),
+            "IMAlLab 1: 5 is too many titles. Truncating at 4...\n");
   char back[4][80];
   int count = 0;
   ASSERT_EQ(IMRtLab(1, back, &count), 0);
@@ -441,14 +433,11 @@ TEST_F(AttributesTest, CountsAndSizesWithoutChecks) {
 TEST_F(AttributesTest, DisplayFlagReachesEveryOpenStream) {
   openNew(1);
   openNew(2);
-  CaptureStderr();
-  EXPECT_EQ(IMAlDis(0), 0);
-  EXPECT_EQ(GetCapturedStderr(), "IMAlDis: use IMAlDis2(iStream,iWinDisplayFlag) instead.\n");
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(IMAlDis(0), 0); }),
+            "IMAlDis: use IMAlDis2(iStream,iWinDisplayFlag) instead.\n");
   EXPECT_EQ(record(1)->iWinDisplayFlag, 0);
   EXPECT_EQ(record(2)->iWinDisplayFlag, 0);
-  CaptureStderr();
-  IMAlDis(1);
-  GetCapturedStderr();
+  stderrOf([&] { IMAlDis(1); });
   EXPECT_EQ(IMRtWID(-4), -1);
   EXPECT_EQ(IMRtWID(0), 0);
   EXPECT_EQ(IMRtWID(1), 0);

@@ -91,9 +91,7 @@ TEST_F(ExtendedHeaderTest, SizingArithmetic) {
     SCOPED_TRACE(c.what);
     ASSERT_EQ(IMOpen(1, file("size").c_str(), "new"), 0);
     ASSERT_EQ(IMCrHdr2(1, 2, 2, 10, 1, 1, 0, 2), 0);  // default: type 4, 3 blocks
-    CaptureStderr();
-    EXPECT_EQ(c.size(1), c.result);
-    EXPECT_EQ(GetCapturedStderr(), c.message);
+    EXPECT_EQ(stderrOf([&] { EXPECT_EQ(c.size(1), c.result); }), c.message);
     IMStreamRecord const* r = record(1);
     EXPECT_EQ(r->iExtHdrSize, c.extHdrSize);
     EXPECT_EQ(r->iExtHdrType, c.type);
@@ -464,9 +462,7 @@ TEST_F(ExtendedHeaderTest, HeaderCopyBringsTheBlockAlong) {
   EXPECT_EQ(back[0], 3.5f);
   EXPECT_NE(dst->pExtHdr, record(1)->pExtHdr);
 
-  CaptureStderr();
-  EXPECT_EQ(IMTrHdr(2, 40), 3);
-  GetCapturedStderr();
+  stderrOf([&] { EXPECT_EQ(IMTrHdr(2, 40), 3); });
 }
 
 }  // namespace

@@ -182,9 +182,7 @@ TEST_F(FieldsTest, TypedCallsAndTheirRefusals) {
   };
   for (GetCase const& c : cases) {
     SCOPED_TRACE(c.what);
-    CaptureStderr();
-    EXPECT_EQ(c.call(1), c.result);
-    GetCapturedStderr();
+    stderrOf([&] { EXPECT_EQ(c.call(1), c.result); });
   }
   EXPECT_EQ(i, 17);
   EXPECT_EQ(d, 0.25);
@@ -331,9 +329,7 @@ TEST_F(FieldsTest, BrokenFieldSectionCostsTheFieldsNotThePixels) {
     }
     std::string const path = file("broken");
     writeBytes(path, bytes);
-    CaptureStderr();
-    EXPECT_EQ(IMOpen(1, path.c_str(), "ro"), 0);
-    GetCapturedStderr();
+    stderrOf([&] { EXPECT_EQ(IMOpen(1, path.c_str(), "ro"), 0); });
     EXPECT_EQ(IMRtNumFields(1), 0);
     std::vector<float> pixels(6);
     ASSERT_EQ(IMPosn(1, 1, 0), 0);

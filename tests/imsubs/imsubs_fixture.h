@@ -88,6 +88,14 @@ T hostValueAt(std::vector<unsigned char> const& bytes, std::size_t offset) {
   return value;
 }
 
+// What `action` printed on stderr.
+template <typename Action>
+std::string stderrOf(Action action) {
+  CaptureStderr();
+  action();
+  return GetCapturedStderr();
+}
+
 inline std::string pidPrefix() {
   return "[" + std::to_string(getpid()) + "] ";
 }

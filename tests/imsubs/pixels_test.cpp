@@ -480,9 +480,7 @@ TEST_F(ImsubsPixels, PartLinesAndRectangles) {
   ASSERT_EQ(IMRdPal(7, part, 3, 5), 0);
   EXPECT_EQ(part[2], 17.0f);
   EXPECT_EQ(record(7)->iLastOp, kLastOpRead);
-  CaptureStderr();
-  EXPECT_EQ(IMRdPal(7, part, 4, 6), 302);
-  GetCapturedStderr();
+  stderrOf([&] { EXPECT_EQ(IMRdPal(7, part, 4, 6), 302); });
 
   // A rectangle written into section 0 from a 4 x 3 array.
   std::vector<float> patch(12);
@@ -528,9 +526,8 @@ TEST_F(ImsubsPixels, PartLinesAndRectangles) {
     EXPECT_EQ(IMWrPas(7, patch.data(), r.mx, r.my, r.c0, r.c1, r.r0, r.r1), r.result);
     EXPECT_EQ(GetCapturedStderr(), r.err);
   }
-  CaptureStderr();
-  EXPECT_EQ(IMRdPas(7, array.data(), 2, 3, 1, 3, 2, 3), 402);
-  EXPECT_EQ(GetCapturedStderr(), "IMRdPas 7: too many columns (3/2/6).\n");
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(IMRdPas(7, array.data(), 2, 3, 1, 3, 2, 3), 402); }),
+            "IMRdPas 7: too many columns (3/2/6).\n");
 }
 
 TEST_F(ImsubsPixels, HostileHeadersAreRefusedSafely) {

@@ -152,9 +152,8 @@ TEST_F(SecondLinkageTest, ScalarsArriveByAddressOutputsPassThrough) {
 
   // A refused stream reaches the wrapped function unchanged.
   int bad = 0;
-  CaptureStderr();
-  EXPECT_EQ(irtxy_(&bad, &nx, &ny), 1);
-  EXPECT_EQ(GetCapturedStderr(), "IMRtXY 0: invalid stream number.\n");
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(irtxy_(&bad, &nx, &ny), 1); }),
+            "IMRtXY 0: invalid stream number.\n");
 }
 
 TEST_F(SecondLinkageTest, OpenTakesBlankPaddedStringsWithLengths) {

@@ -92,9 +92,8 @@ TEST_F(ImsubsSection, BadCoordinatesAndCodesAreRefused) {
   EXPECT_EQ(IMRtZWTPNum(3, nullptr, nullptr, &t, nullptr, -1), 601);
   ASSERT_EQ(IMAlImageSequence(3, 15), 0);
   sec = 99;
-  CaptureStderr();
-  EXPECT_EQ(IMRtSecNum2(3, 0, 0, 0, 0, &sec), 505);
-  EXPECT_EQ(GetCapturedStderr(), "IMRtSecNum2 3: invalid image sequence 15\n");
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(IMRtSecNum2(3, 0, 0, 0, 0, &sec), 505); }),
+            "IMRtSecNum2 3: invalid image sequence 15\n");
   EXPECT_EQ(sec, 0);
   z = 9;
   EXPECT_EQ(IMRtZWTPNum(3, &z, nullptr, nullptr, nullptr, 0), 505);
@@ -144,9 +143,8 @@ TEST_F(ImsubsSection, PositioningFollowsTheFileLayout) {
   ASSERT_EQ(IMPosnZWTP(4, 1, 1, 0, 0), 0);  // a zero move still counts
   EXPECT_EQ(r->iLastOp, kLastOpPositioned);
   // A negative position can't be reached.
-  CaptureStderr();
-  EXPECT_EQ(IMPosn(4, -100, 0), 301);
-  EXPECT_EQ(GetCapturedStderr(), "IMPosn 4: error positioning stream.\n");
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(IMPosn(4, -100, 0), 301); }),
+            "IMPosn 4: error positioning stream.\n");
 }
 
 TEST_F(ImsubsSection, StackBeyondFourGibibytesAddressesCorrectly) {

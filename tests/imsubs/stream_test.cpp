@@ -81,9 +81,8 @@ TEST(ImsubsStreamType, NamesGiveFileTypeAndWindowIds) {
   };
   for (Case const& c : cases) {
     int winId = 7;
-    CaptureStderr();
-    EXPECT_EQ(IMRtStreamTypeFromName(c.name, &winId), c.result);
-    EXPECT_EQ(GetCapturedStderr(), c.err);
+    EXPECT_EQ(stderrOf([&] { EXPECT_EQ(IMRtStreamTypeFromName(c.name, &winId), c.result); }),
+              c.err);
     EXPECT_EQ(winId, c.winIdAfter) << (c.name ? c.name : "null");
   }
 }
@@ -204,9 +203,8 @@ TEST_F(ImsubsStream, UnreadableFileIsRefused) {
   header.basic(1, 1, 1, 1, 1, 2, 100);
   writeBytes(path, header.bytes);
   chmod(path.c_str(), 0);
-  CaptureStderr();
-  EXPECT_EQ(IMOpen(4, path.c_str(), "old"), 204);
-  EXPECT_EQ(GetCapturedStderr(), "IMOpen 4: unable to obtain read/write access to\n" + path + "\n");
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(IMOpen(4, path.c_str(), "old"), 204); }),
+            "IMOpen 4: unable to obtain read/write access to\n" + path + "\n");
   EXPECT_EQ(IMCheckFile(path.c_str()), 205);
 }
 
@@ -262,9 +260,8 @@ TEST_F(ImsubsStream, NewStreamHasOnePixelHeaderAndNoBlock) {
   EXPECT_EQ(r->iPixelType, 6);
   EXPECT_EQ(r->iExtHdrSize, 4096);
   EXPECT_EQ(r->pExtHdr, nullptr);
-  CaptureStderr();
-  EXPECT_EQ(IMWrHdr2(6, 1), 706);
-  EXPECT_EQ(GetCapturedStderr(), "IMWrHdr2 6: ext header buffer is NULL, size is 4096.\n");
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(IMWrHdr2(6, 1), 706); }),
+            "IMWrHdr2 6: ext header buffer is NULL, size is 4096.\n");
   EXPECT_EQ(IMWrHdr2(6, 0), 0);
   EXPECT_EQ(fileSize(file("n")), 1024);
 }
