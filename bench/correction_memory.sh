@@ -16,16 +16,8 @@
 # 512 MB of input and 1 GB of output.
 set -euo pipefail
 
-repo="$(cd "$(dirname "$0")/.." && pwd)"
-build="${1:-$repo/build}"
-synth="$build/tools/synth/corvane-synth"
-corvane="$build/app/corvane"
-for program in "$synth" "$corvane" /usr/bin/time; do
-  if [[ ! -x "$program" ]]; then
-    echo "correction_memory.sh: $program not found" >&2
-    exit 2
-  fi
-done
+# shellcheck source=bench/bench_common.sh
+source "$(dirname "$0")/bench_common.sh"
 
 readonly size=1024
 readonly channels=2
@@ -35,14 +27,8 @@ readonly seed=11
 # 128 sections of 2 channels: 512 MiB of 16-bit input, 1 GiB of float output.
 readonly needed_mb=1700
 
-work="$(mktemp -d "${TMPDIR:-/tmp}/corvane-memory.XXXXXX")"
-trap 'rm -rf "$work"' EXIT
+bench_setup correction_memory.sh "$needed_mb" "${1:-}" /usr/bin/time
 df -h "$work"
-free_mb=$(df -Pm "$work" | awk 'NR == 2 { print $4 }')
-if ((free_mb < needed_mb)); then
-  echo "correction_memory.sh: $free_mb MB free in $work, $needed_mb MB needed" >&2
-  exit 2
-fi
 
 # Prints the peak resident set size in kB of a correction of a stack with the
 # given number of sections, and removes the stack and the output afterwards.

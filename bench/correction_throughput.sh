@@ -23,16 +23,8 @@
 # directly in the wall times.
 set -euo pipefail
 
-repo="$(cd "$(dirname "$0")/.." && pwd)"
-build="${1:-$repo/build}"
-synth="$build/tools/synth/corvane-synth"
-corvane="$build/app/corvane"
-for program in "$synth" "$corvane"; do
-  if [[ ! -x "$program" ]]; then
-    echo "correction_throughput.sh: $program not found; build corvane and corvane-synth" >&2
-    exit 2
-  fi
-done
+# shellcheck source=bench/bench_common.sh
+source "$(dirname "$0")/bench_common.sh"
 
 readonly size=1024
 readonly sections=32
@@ -42,13 +34,7 @@ readonly seed=11
 # Two 16-bit inputs of 256 MiB, a float output of 512 MiB and a copy of 256 MiB.
 readonly needed_mb=1400
 
-work="$(mktemp -d "${TMPDIR:-/tmp}/corvane-throughput.XXXXXX")"
-trap 'rm -rf "$work"' EXIT
-free_mb=$(df -Pm "$work" | awk 'NR == 2 { print $4 }')
-if ((free_mb < needed_mb)); then
-  echo "correction_throughput.sh: $free_mb MB free in $work, $needed_mb MB needed" >&2
-  exit 2
-fi
+bench_setup correction_throughput.sh "$needed_mb" "${1:-}"
 
 # Prints "wall user" in seconds of the fastest of $repeats runs of the command;
 # `rm -f "$work/out"` before each run keeps every run writing a new file.

@@ -80,6 +80,31 @@ void startRecords(State* st, int64_t n, int64_t m, double* x, double* eps, TrCou
   st->residuals = residuals;
 }
 
+// Checks the arguments, allocates the handle's records and, through
+// `allocateArrays`, the family's own arrays; on any failed allocation releases
+// everything and reports TRS_NO_MEMORY.
+template <typename State, typename AllocateArrays>
+int createHandle(TrHandle* handle, int64_t n, int64_t m, double* x, double* eps, int64_t iter1,
+                 int64_t iter2, double rs, AllocateArrays allocateArrays) {
+  if (!argumentsValid(n, m, eps, iter1, iter2, rs)) return TRS_BAD_ARGUMENT;
+  Allocations a;
+  auto* header = a.record<TrHandleHeader>();
+  auto* st = a.record<State>();
+  auto* counters = a.record<TrCounters>();
+  auto* residuals = a.record<TrResiduals>();
+  if (!a.failed) allocateArrays(a, st);
+  if (a.failed) {
+    a.releaseAll();
+    return TRS_NO_MEMORY;
+  }
+  startRecords(st, n, m, x, eps, counters, residuals, iter1, iter2, rs);
+  header->n = n;
+  header->m = m;
+  header->state = st;
+  *handle = header;
+  return TRS_OK;
+}
+
 int readOut(const TrCounters* c, const TrResiduals* r, int64_t* iterations, int64_t* stop_reason,
             double* r1, double* r2) {
   *iterations = c->iterations;
@@ -104,34 +129,17 @@ int narrow(int64_t value) {
 
 int trs_dtrnlsp_init(TrHandle* handle, int64_t n, int64_t m, double* x, double* eps, int64_t iter1,
                      int64_t iter2, double rs) {
-  if (!argumentsValid(n, m, eps, iter1, iter2, rs)) return TRS_BAD_ARGUMENT;
-  Allocations a;
-  auto* header = a.record<TrHandleHeader>();
-  auto* st = a.record<TrState>();
-  auto* counters = a.record<TrCounters>();
-  auto* residuals = a.record<TrResiduals>();
-  if (a.failed) {
-    a.releaseAll();
-    return TRS_NO_MEMORY;
-  }
-  st->step = a.doubles(n);
-  st->saved_residual = a.doubles(m);
-  st->trial_residual = a.doubles(m);
-  st->grad = a.doubles(n);
-  st->work1 = a.doubles(n);
-  st->work2 = a.doubles(n);
-  st->hess = a.doubles(n * n);
-  st->chol = a.doubles(n * n);
-  if (a.failed) {
-    a.releaseAll();
-    return TRS_NO_MEMORY;
-  }
-  startRecords(st, n, m, x, eps, counters, residuals, iter1, iter2, rs);
-  header->n = n;
-  header->m = m;
-  header->state = st;
-  *handle = header;
-  return TRS_OK;
+  return createHandle<TrState>(handle, n, m, x, eps, iter1, iter2, rs,
+                               [n, m](Allocations& a, TrState* st) {
+                                 st->step = a.doubles(n);
+                                 st->saved_residual = a.doubles(m);
+                                 st->trial_residual = a.doubles(m);
+                                 st->grad = a.doubles(n);
+                                 st->work1 = a.doubles(n);
+                                 st->work2 = a.doubles(n);
+                                 st->hess = a.doubles(n * n);
+                                 st->chol = a.doubles(n * n);
+                               });
 }
 
 int trs_dtrnlsp_solve(TrHandle* handle, double* fvec, double* fjac, int64_t* rci_request) {
@@ -169,37 +177,20 @@ int trs_dtrnlsp_delete(TrHandle* handle) {
 
 int trs_dtrnlspbc_init(TrHandle* handle, int64_t n, int64_t m, double* x, double* lw, double* up,
                        double* eps, int64_t iter1, int64_t iter2, double rs) {
-  if (!argumentsValid(n, m, eps, iter1, iter2, rs)) return TRS_BAD_ARGUMENT;
-  Allocations a;
-  auto* header = a.record<TrHandleHeader>();
-  auto* st = a.record<TrStateBounded>();
-  auto* counters = a.record<TrCounters>();
-  auto* residuals = a.record<TrResiduals>();
-  if (a.failed) {
-    a.releaseAll();
-    return TRS_NO_MEMORY;
-  }
-  st->step = a.doubles(n);
-  st->saved_residual = a.doubles(m);
-  st->trial_residual = a.doubles(m);
-  st->scaling = a.doubles(n);
-  st->hess = a.doubles(n * n);
-  st->chol = a.doubles(n * n);
-  st->curvature = a.doubles(n * n);
-  st->jac_copy = a.doubles(m * n);
-  for (double*& w : st->work) w = a.doubles(n);
-  if (a.failed) {
-    a.releaseAll();
-    return TRS_NO_MEMORY;
-  }
-  startRecords(st, n, m, x, eps, counters, residuals, iter1, iter2, rs);
-  st->lw = lw;
-  st->up = up;
-  header->n = n;
-  header->m = m;
-  header->state = st;
-  *handle = header;
-  return TRS_OK;
+  return createHandle<TrStateBounded>(handle, n, m, x, eps, iter1, iter2, rs,
+                                      [n, m, lw, up](Allocations& a, TrStateBounded* st) {
+                                        st->step = a.doubles(n);
+                                        st->saved_residual = a.doubles(m);
+                                        st->trial_residual = a.doubles(m);
+                                        st->scaling = a.doubles(n);
+                                        st->hess = a.doubles(n * n);
+                                        st->chol = a.doubles(n * n);
+                                        st->curvature = a.doubles(n * n);
+                                        st->jac_copy = a.doubles(m * n);
+                                        for (double*& w : st->work) w = a.doubles(n);
+                                        st->lw = lw;
+                                        st->up = up;
+                                      });
 }
 
 int trs_dtrnlspbc_solve(TrHandle* handle, double* fvec, double* fjac, int64_t* rci_request) {
@@ -274,9 +265,7 @@ int getNarrow(TrHandle* handle, int* iterations, int* stop_reason, double* r1, d
 // Every operation is exported under three names: plain, with a trailing
 // underscore, and in capitals, all with the same arguments and body.
 #define TRS_EXPORT_THREE_FORMS(lower, upper, params, body) \
-  int lower params body                                    \
-  int lower##_ params body                                 \
-  int upper params body
+  int lower params body int lower##_ params body int upper params body
 
 extern "C" {
 
@@ -294,9 +283,8 @@ TRS_EXPORT_THREE_FORMS(dtrnlsp_delete, DTRNLSP_DELETE, (TrHandle * h),
                        { return trs_dtrnlsp_delete(h); })
 
 TRS_EXPORT_THREE_FORMS(dtrnlspbc_init, DTRNLSPBC_INIT,
-                       (TrHandle * h, const int* n, const int* m, double* x, double* lw,
-                        double* up, double* eps, const int* iter1, const int* iter2,
-                        const double* rs),
+                       (TrHandle * h, const int* n, const int* m, double* x, double* lw, double* up,
+                        double* eps, const int* iter1, const int* iter2, const double* rs),
                        { return initBounded(h, n, m, x, lw, up, eps, iter1, iter2, rs); })
 TRS_EXPORT_THREE_FORMS(dtrnlspbc_solve, DTRNLSPBC_SOLVE,
                        (TrHandle * h, double* fvec, double* fjac, int* rci),
