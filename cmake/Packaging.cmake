@@ -26,6 +26,10 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION science)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# dpkg-shlibdeps asks only for some libopenblas0, whose first choice is the
+# threaded build; Corvane is built and tested on the single-threaded one, whose
+# sums do not depend on the thread count.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS libopenblas0-serial)
 # The workflow needs Snakemake, the programs do not.
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS snakemake)
 
