@@ -24,6 +24,7 @@ while (($#)); do
 done
 start=$(date +%s)
 fail() { echo "check-package.sh: FAILED: $*" >&2; exit 1; }
+step() { printf '== %s (at %d s)\n' "$*" "$(($(date +%s) - start))"; }
 # The package that owns a file; dpkg may know it under /lib rather than
 # /usr/lib (merged /usr), so both spellings are tried.
 owner_of() {
@@ -32,7 +33,7 @@ owner_of() {
   { dpkg -S "$path" 2>/dev/null || dpkg -S "${path#/usr}" 2>/dev/null; } | awk -F: 'NR == 1 { print $1 }'
 }
 
-echo "== building the package in $build"
+step "building the package in $build"
 if [[ ! -f "$build/CMakeCache.txt" ]]; then
   cmake -S . -B "$build" -DCORVANE_BUILD_TESTS=OFF -DCORVANE_BUILD_BENCH=OFF >/dev/null
 fi
@@ -44,7 +45,7 @@ debs=("$build"/corvane_*_amd64.deb)
 deb=$(cd "$(dirname "${debs[0]}")" && pwd)/$(basename "${debs[0]}")
 echo "$(basename "$deb"), $(stat -c %s "$deb") bytes"
 
-echo "== contents"
+step "contents"
 expected="./usr/bin/corvane
 ./usr/bin/corvane-assess
 ./usr/bin/corvane-synth
@@ -71,7 +72,7 @@ cleanup() {
 trap cleanup EXIT
 dpkg-deb -x "$deb" "$unpacked"
 
-echo "== dependencies"
+step "dependencies"
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"
 # The package names of Depends, alternatives included, without versions.
@@ -91,11 +92,11 @@ done
 [[ "$depend_names" == *" libopenblas0-serial "* ]] || fail "Depends lacks libopenblas0-serial"
 echo "every library the programs load comes from a package that Depends names"
 
-echo "== manual page"
+step "manual page"
 warnings=$(MANWIDTH=80 man --warnings -l "$unpacked/usr/share/man/man1/corvane.1.gz" 2>&1 >/dev/null)
 [[ -z "$warnings" ]] || fail "the manual page renders with warnings:"$'\n'"$warnings"
 
-echo "== installing with apt-get"
+step "installing with apt-get"
 if ! dpkg-query -W -f='${Status}' corvane 2>/dev/null | grep -q "install ok installed"; then
   installed_here=1
 fi
@@ -113,7 +114,7 @@ done
 echo "corvane -help and man corvane work from $workdir"
 cd "$root"
 
-echo "== the installed workflow"
+step "the installed workflow"
 PATH=/usr/bin:$PATH scripts/check-workflow.sh --workflow /usr/share/corvane/workflow
 
 echo "package checks passed in $(($(date +%s) - start)) s"
