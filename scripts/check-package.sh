@@ -25,13 +25,6 @@ done
 start=$(date +%s)
 fail() { echo "check-package.sh: FAILED: $*" >&2; exit 1; }
 step() { printf '== %s (at %d s)\n' "$*" "$(($(date +%s) - start))"; }
-# The package that owns a file; dpkg may know it under /lib rather than
-# /usr/lib (merged /usr), so both spellings are tried.
-owner_of() {
-  local path
-  path=$(readlink -f "$1")
-  { dpkg -S "$path" 2>/dev/null || dpkg -S "${path#/usr}" 2>/dev/null; } | awk -F: 'NR == 1 { print $1 }'
-}
 
 step "building the package in $build"
 if [[ ! -f "$build/CMakeCache.txt" ]]; then
@@ -77,17 +70,33 @@ depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"
 # The package names of Depends, alternatives included, without versions.
 depend_names=" $(sed -e 's/([^)]*)//g' -e 's/[,|]/ /g' <<<"$depends" | xargs) "
+# Every library a program loads, once, with the programs that load it.
+declare -A users=()
 for program in "$unpacked"/usr/bin/*; do
   readelf -S "$program" | grep -q '\.symtab' && fail "$(basename "$program") is not stripped"
   for library in $(readelf -d "$program" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
-    # awk reads to the end: an early exit would break ldconfig's pipe.
-    path=$(ldconfig -p | awk -v l="$library" '$1 == l && /x86-64/ && !found { print $NF; found = 1 }')
-    [[ -n "$path" ]] || fail "$(basename "$program") needs $library, which is not on this machine"
-    owner=$(owner_of "$path")
-    [[ -n "$owner" ]] || fail "no package owns $(readlink -f "$path")"
-    [[ "$depend_names" == *" $owner "* ]] ||
-      fail "$(basename "$program") needs $library from $owner, which Depends does not name"
+    users[$library]+="$(basename "$program") "
   done
+done
+libraries=$(ldconfig -p)
+declare -A file_of=()
+for library in "${!users[@]}"; do
+  path=$(awk -v l="$library" '$1 == l && /x86-64/ { print $NF; exit }' <<<"$libraries")
+  [[ -n "$path" ]] || fail "${users[$library]}need $library, which is not on this machine"
+  file_of[$library]=$(readlink -f "$path")
+done
+# One dpkg query for all files (it reads every package's file list). dpkg may
+# know a file under /lib rather than /usr/lib (merged /usr): both are asked.
+owners=$(for f in "${file_of[@]}"; do echo "$f"; echo "${f#/usr}"; done | sort -u |
+  xargs dpkg -S 2>/dev/null || true)
+for library in "${!users[@]}"; do
+  file=${file_of[$library]}
+  owner=$(awk -v a="$file" -v b="${file#/usr}" '{ p = $0; sub(/^[^ ]*: /, "", p) }
+    p == a || p == b { sub(/:.*/, ""); print; exit }' <<<"$owners")
+  [[ -n "$owner" ]] || fail "no package owns $file"
+  [[ "$depend_names" == *" $owner "* ]] ||
+    fail "${users[$library]}need $library from $owner, which Depends does not name"
+  echo "$library: $owner (${users[$library]% })"
 done
 [[ "$depend_names" == *" libopenblas0-serial "* ]] || fail "Depends lacks libopenblas0-serial"
 echo "every library the programs load comes from a package that Depends names"
