@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the distribution packages Corvane builds, tests and benchmarks with.
+# Installs the distribution packages Corvane builds, tests and benchmarks with,
+# and those that build and check its Debian package and batch workflow.
 # Run as root on a fresh Debian machine; harmless when everything is present.
 set -euo pipefail
 packages=(
@@ -9,6 +10,7 @@ packages=(
   nlohmann-json3-dev
   clang-14 libclang-rt-14-dev
   time
+  dpkg-dev man-db snakemake
 )
 missing=()
 for p in "${packages[@]}"; do
