@@ -102,6 +102,11 @@ struct CallCase {
   int code;
   std::string err;
 };
+// A CallCase named by the text of its call.
+#define IM_CALL(expr, code, err)             \
+  ::imtest::CallCase {                       \
+#expr, [&] { return (expr); }, code, err \
+  }
 inline void expectCalls(std::vector<CallCase> const& cases) {
   for (CallCase const& c : cases) {
     int code = -1;

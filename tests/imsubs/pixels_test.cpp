@@ -40,49 +40,6 @@ int64_t storedInteger(Bytes const& bytes, int type, std::size_t at) {
 
 class ImsubsPixels : public ImsubsTest {};
 
-TEST_F(ImsubsPixels, DescriptionBytesPerPixelAndRangeOfEveryType) {
-  ASSERT_EQ(IMOpen(1, file("t").c_str(), "new"), 0);
-  struct Case {
-    int type;
-    char const* desc;
-    int bytes, result;  // of the size and range calls
-    double min, max;
-  };
-  Case const cases[] = {
-      {0, "1 byte integer", 1, 0, 0, 255},
-      {1, "2 byte signed integer", 2, 0, -32767, 32767},
-      {2, "4 byte floating-point", 4, 0, -1e38, 1e38},
-      {3, "2 byte integer complex", 4, 905, 0, 0},
-      {4, "4 byte floating-point complex", 8, 0, -1e38, 1e38},
-      {5, nullptr, 2, 503, 0, 0},
-      {6, "2 byte unsigned integer", 2, 0, 0, 65535},
-      {7, "4 byte signed integer", 4, 0, -2147483647, 2147483647},
-      {8, "8 byte floating-point", 8, 0, -1e38, 1e38},
-      {9, nullptr, 2, 503, 0, 0},
-      {-1, nullptr, 2, 503, 0, 0},
-  };
-  for (Case const& c : cases) {
-    SCOPED_TRACE(c.type);
-    char text[40] = {};
-    EXPECT_EQ(IMRtDataTypeDesc(c.type, text, sizeof(text)), c.desc != nullptr ? 0 : 503);
-    EXPECT_STREQ(text, c.desc != nullptr ? c.desc : "unknown");
-    record(1)->iPixelType = c.type;
-    int bytes = -1;
-    double min = 0, max = 0;
-    CaptureStderr();
-    EXPECT_EQ(IMRtBytesPerPixel(1, &bytes), c.result);
-    EXPECT_EQ(IMRtDataTypeMinMax(1, &min, &max), c.result);
-    std::string const why = c.result == 905 ? "16 bit complex data not supported.\n"
-                            : c.result != 0
-                                ? std::to_string(c.type) + " is an invalid pixel data type.\n"
-                                : "";
-    EXPECT_EQ(GetCapturedStderr(),
-              why.empty() ? "" : "IMRtBytesPerPix 1: " + why + "IMRtDataTypeMinMax 1: " + why);
-    EXPECT_EQ(std::vector<double>({double(bytes), min, max}),
-              std::vector<double>({double(c.bytes), c.min, c.max}));
-  }
-}
-
 TEST_F(ImsubsPixels, RoundTripOverTypeSequenceAndByteOrder) {
   int const nx = 3, ny = 2, pixels = nx * ny, sections = 16;            // Z, W, T and P of 2 each
   auto valueAt = [&](int c, int i) { return double(c * pixels + i); };  // c: coordinate bits
@@ -183,37 +140,20 @@ TEST_F(ImsubsPixels, WritesClampAndRoundByTheirOwnRules) {
   };
   char const *hi = "hi=1, lo=0", *lo = "hi=0, lo=1";
   float const nan = std::numeric_limits<float>::quiet_NaN();
+  // clang-format off
   Case const cases[] = {
-      {kSec, 1, -32768.0f, -32767, lo},
-      {kSec, 0, 255.9f, 255, hi},
-      {kSec, 0, 254.9f, 254, ""},
-      {kSec, 0, -0.5f, 0, lo},
-      {kSec, 0, 0.99f, 0, ""},
-      {kSec, 1, 32767.5f, 32767, hi},
-      {kSec, 1, -3.7f, -3, ""},
-      {kSec, 6, -1.0f, 0, lo},
-      {kSec, 6, 65535.5f, 65535, hi},
-      {kSec, 6, 40000.9f, 40000, ""},
-      {kSec, 7, 2147483648.0f, INT32_MIN, ""},
-      {kSec, 7, 3e9f, 2147483647, hi},
-      {kSec, 7, -3e9f, INT32_MIN, lo},
-      {kSec, 7, -123456.7f, -123456, ""},
-      {kSec, 0, nan, 0, ""},
-      {kSec, 1, nan, 0, ""},
-      {kSecl, 0, 1.5f, 2, ""},
-      {kSecl, 0, 254.6f, 255, hi},
-      {kSecl, 0, -0.4f, 0, ""},
-      {kSecl, 1, -3.7f, -3, ""},
-      {kSecl, 1, 2.5f, 2, ""},
-      {kLin, 0, 1.5f, 2, ""},
-      {kLin, 0, -0.7f, 0, ""},
-      {kLin, 0, 255.4f, 255, ""},
-      {kLin, 0, 255.5f, 255, hi},
-      {kLin, 1, -3.7f, -3, ""},
-      {kLin, 1, 2.5f, 3, ""},
-      {kLin, 6, 2.5f, 2, ""},
-      {kLin, 7, 2147483648.0f, 2147483647, hi},
-  };
+      {kSec, 1, -32768.0f, -32767, lo}, {kSec, 0, 255.9f, 255, hi}, {kSec, 0, 254.9f, 254, ""},
+      {kSec, 0, -0.5f, 0, lo}, {kSec, 0, 0.99f, 0, ""}, {kSec, 1, 32767.5f, 32767, hi},
+      {kSec, 1, -3.7f, -3, ""}, {kSec, 6, -1.0f, 0, lo}, {kSec, 6, 65535.5f, 65535, hi},
+      {kSec, 6, 40000.9f, 40000, ""}, {kSec, 7, 2147483648.0f, INT32_MIN, ""},
+      {kSec, 7, 3e9f, 2147483647, hi}, {kSec, 7, -3e9f, INT32_MIN, lo},
+      {kSec, 7, -123456.7f, -123456, ""}, {kSec, 0, nan, 0, ""}, {kSec, 1, nan, 0, ""},
+      {kSecl, 0, 1.5f, 2, ""}, {kSecl, 0, 254.6f, 255, hi}, {kSecl, 0, -0.4f, 0, ""},
+      {kSecl, 1, -3.7f, -3, ""}, {kSecl, 1, 2.5f, 2, ""}, {kLin, 0, 1.5f, 2, ""},
+      {kLin, 0, -0.7f, 0, ""}, {kLin, 0, 255.4f, 255, ""}, {kLin, 0, 255.5f, 255, hi},
+      {kLin, 1, -3.7f, -3, ""}, {kLin, 1, 2.5f, 3, ""}, {kLin, 6, 2.5f, 2, ""},
+      {kLin, 7, 2147483648.0f, 2147483647, hi}};
+  // clang-format on
   char const* const names[] = {"IMWrSec", "IMWrSecl", "IMWrLin"};
   for (Case const& c : cases) {
     SCOPED_TRACE(testing::Message() << names[c.call] << " " << c.type << " " << c.value);
@@ -272,43 +212,6 @@ TEST_F(ImsubsPixels, ChunkedFastPathMatchesTheReference) {
   }
 }
 
-TEST_F(ImsubsPixels, RawAndRefusedTypes) {
-  // Conversion off: raw 16-bit pixels, swapped for a foreign file.
-  RawHeader h;
-  h.foreign = true;
-  h.basic(2, 1, 1, 1, 1, 1, 100);
-  Bytes bytes = h.bytes;
-  bytes.insert(bytes.end(), {0x01, 0x02, 0xFF, 0xFE});
-  writeBytes(file("raw"), bytes);
-  ASSERT_EQ(IMOpen(4, file("raw").c_str(), "ro"), 0);
-  ASSERT_EQ(IMAlCon(4, 0), 0);
-  int16_t raw[2] = {};
-  ASSERT_EQ(IMRdSec(4, raw), 0);
-  EXPECT_EQ(std::vector<int>({raw[0], raw[1]}), std::vector<int>({0x0102, -2}));
-  // Type 3: refused both ways; on a foreign file the swap fails first.
-  bytes[hdroff::giPixDataType + 3] = 3;
-  writeBytes(file("raw"), bytes);
-  float out[4] = {};
-  ASSERT_EQ(IMClose(4), 0);
-  expectCalls({{"open", [&] { return IMOpen(4, file("raw").c_str(), "ro"); }, 0,
-                "IMRtBytesPerPix 4: 16 bit complex data not supported.\n"
-                "IMSubs: internal error involving the number of bytes per pixel.\n"},
-               {"swap", [&] { return IMRdSec(4, out); }, 214, "IMRdSec 4: byte swap failed\n"}});
-  record(4)->iSwapped = 0;
-  ASSERT_EQ(IMPosn(4, 0, 0), 0);
-  EXPECT_EQ(IMRdSec(4, out), 905);
-  create(5, "w", 2, 2, 1, 1, 1, 1, 2);
-  ASSERT_EQ(IMAlExHdrSize2(5, 0, 0, 1, 0), 0);
-  ASSERT_EQ(IMWrHdr2(5, 1), 0);
-  record(5)->iPixelType = 3;
-  EXPECT_EQ(IMWrSec(5, out), 905);
-  record(5)->iPixelType = 5;
-  EXPECT_EQ(IMWrSec(5, out), 0);  // success with nothing written
-  EXPECT_EQ(testutil::readFile(file("w")).size(), 1024u);
-  expectCalls(
-      {{"part line write", [] { return IMWrPal(5); }, 904, "IMWrPal 5: unsupported function.\n"}});
-}
-
 TEST_F(ImsubsPixels, LinesPartLinesRectanglesAndAlternation) {
   int const nx = 6, ny = 5;
   create(7, "rect", nx, ny, 3, 1, 1, 1, 2, 1);
@@ -365,16 +268,16 @@ TEST_F(ImsubsPixels, LinesPartLinesRectanglesAndAlternation) {
   ASSERT_EQ(IMRdSec(7, back.data()), 0);
   EXPECT_EQ(back, section);  // the stream stood at section 1
   expectCalls({
-      {"columns past the array", [&] { return IMWrPas(7, patch.data(), 2, 3, 1, 3, 2, 3); }, 402,
-       "IMWrPas 7: too many columns (3/2/6).\n"},
-      {"columns past the section", [&] { return IMWrPas(7, patch.data(), 4, 3, 1, 6, 2, 3); }, 402,
-       "IMWrPas 7: too many columns (6/4/6).\n"},
-      {"rows past the array", [&] { return IMWrPas(7, patch.data(), 4, 1, 1, 3, 2, 3); }, 403,
-       "IMWrPas 7: too many rows (2/1/5).\n"},
-      {"rows past the section", [&] { return IMWrPas(7, patch.data(), 4, 9, 1, 3, 4, 5); }, 403,
-       "IMWrPas 7: too many rows (2/9/5).\n"},
-      {"read columns", [&] { return IMRdPas(7, array.data(), 2, 3, 1, 3, 2, 3); }, 402,
-       "IMRdPas 7: too many columns (3/2/6).\n"},
+      IM_CALL(IMWrPas(7, patch.data(), 2, 3, 1, 3, 2, 3), 402,
+              "IMWrPas 7: too many columns (3/2/6).\n"),
+      IM_CALL(IMWrPas(7, patch.data(), 4, 3, 1, 6, 2, 3), 402,
+              "IMWrPas 7: too many columns (6/4/6).\n"),
+      IM_CALL(IMWrPas(7, patch.data(), 4, 1, 1, 3, 2, 3), 403,
+              "IMWrPas 7: too many rows (2/1/5).\n"),
+      IM_CALL(IMWrPas(7, patch.data(), 4, 9, 1, 3, 4, 5), 403,
+              "IMWrPas 7: too many rows (2/9/5).\n"),
+      IM_CALL(IMRdPas(7, array.data(), 2, 3, 1, 3, 2, 3), 402,
+              "IMRdPas 7: too many columns (3/2/6).\n"),
   });
 }
 
@@ -394,23 +297,6 @@ TEST_F(ImsubsPixels, HostileHeadersAreRefusedSafely) {
                   std::to_string(c[2] == 402 ? c[0] : c[1]) + ").\n");
     ASSERT_EQ(IMClose(8), 0);
   }
-  // An extended header far larger than the file: 210, and the stream stays.
-  RawHeader h;
-  h.basic(2, 2, 1, 1, 1, 2, 100)
-      .put<int32_t>(hdroff::giExtHdrSize, 1 << 20)
-      .write(file("big"), 1124);
-  float out[4];
-  expectCalls(
-      {{"open", [&] { return IMOpen(9, file("big").c_str(), "ro"); }, 210,
-        "IMOpen 9: error reading extended header (100,1048576,ro,\"" + file("big") + "\").\n"}});
-  ASSERT_NE(record(9), nullptr);
-  stderrOf([&] { EXPECT_EQ(IMRdSec(9, out), 212); });  // the pixels lie past the end
-  // A negative extended header size puts the pixels before the file start.
-  h.put<int32_t>(hdroff::giExtHdrSize, -5000).write(file("neg"));
-  stderrOf([&] {
-    EXPECT_EQ(IMOpen(10, file("neg").c_str(), "ro"), 0);
-    EXPECT_EQ(IMPosn(10, 0, 0), 301);
-  });
 }
 
 }  // namespace
