@@ -4,7 +4,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
@@ -89,9 +88,6 @@ inline bool allOk(std::initializer_list<int> codes) {
     if (c != 0) return false;
   }
   return true;
-}
-inline std::string pidPrefix() {
-  return "[" + std::to_string(getpid()) + "] ";
 }
 
 // One library call with the code it must return and the exact text it must
