@@ -44,6 +44,20 @@ TEST_F(ImsubsSection, EveryCodeMapsCoordinatesOntoSectionsAndBack) {
     EXPECT_EQ(seen.size(), 120u);
     EXPECT_EQ(*seen.rbegin(), 119);
   }
+  // Refusals: a section number out of range, a coordinate out of range, an
+  // unknown code; every output is zeroed.
+  int z = 9, w = 9, t = 9, p = 9, sec = 9;
+  EXPECT_EQ(IMRtZWTPNum(1, &z, &w, &t, &p, 120), 601);
+  EXPECT_EQ(IMRtZWTPNum(1, nullptr, nullptr, &t, nullptr, -1), 601);
+  EXPECT_EQ(std::vector<int>({z, w, t, p}), std::vector<int>({0, 0, 0, 0}));
+  std::string const err = stderrOf([&] { EXPECT_EQ(IMRtSecNum2(1, 0, 2, 0, 0, &sec), 604); });
+  EXPECT_NE(err.find("Requested 0 2 0 0, Stream has 3 2 5 4.\n"), std::string::npos);
+  ASSERT_EQ(IMAlImageSequence(1, 15), 0);
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(IMRtSecNum2(1, 0, 0, 0, 0, &sec), 505); }),
+            "IMRtSecNum2 1: invalid image sequence 15\n");
+  z = 9;
+  EXPECT_EQ(IMRtZWTPNum(1, &z, nullptr, nullptr, nullptr, 0), 505);
+  EXPECT_EQ(std::vector<int>({z, sec}), std::vector<int>({0, 0}));
 }
 
 }  // namespace

@@ -128,5 +128,32 @@ TEST_F(ImsubsStream, VerboseVariableIsAnnouncedOnceAtTheFirstOpen) {
       testing::ExitedWithCode(7), "");
 }
 
+TEST_F(ImsubsStream, ReadOnlyFilesAreNeverModifiedAndShortReadsAreTold) {
+  RawHeader h;
+  h.basic(4, 1, 2, 1, 1, 2, 100);
+  h.write(file("ro"), 1024 + 22);  // the second section is 6 bytes short
+  Bytes const before = readBytes(file("ro"));
+  for (char const* attrib : {"ro", "ro_unbuffered"}) {
+    SCOPED_TRACE(attrib);
+    ASSERT_EQ(IMOpen(12, file("ro").c_str(), attrib), 0);
+    float pixels[4] = {9, 9, 9, 9};
+    CaptureStderr();
+    EXPECT_EQ(IMWrHdr2(12, 0), 209);
+    EXPECT_EQ(IMPosn(12, 1, 0), 0);
+    EXPECT_EQ(IMWrSec(12, pixels), 213);
+    EXPECT_EQ(IMPosn(12, 1, 0), 0);
+    EXPECT_EQ(IMRdSec(12, pixels), 212);
+    std::string const err = GetCapturedStderr();
+    for (char const* line : {"IMWrHdr2 12: only 0 bytes written to header.\n",
+                             "IMWrSec 12: incorrect number of pixels written.\n",
+                             "IMRdSec 12: only 1 pixels read (EOF="}) {
+      EXPECT_NE(err.find(line), std::string::npos) << line;
+    }
+    EXPECT_EQ(IMFileSync(12), attrib[2] == '\0' ? 0 : 1);  // 1: no buffered handle
+    ASSERT_EQ(IMClose(12), 0);
+    EXPECT_EQ(readBytes(file("ro")), before);
+  }
+}
+
 }  // namespace
 }  // namespace imtest
