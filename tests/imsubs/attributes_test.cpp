@@ -1,7 +1,7 @@
 // Attribute accessors and the second linkage: refused streams and values
 // touch nothing, the wavelength and display scale rules, cell and pixel size
-// arithmetic, capacities of the file types, values that survive a write and
-// a new open, and the second names with the wrappers that do more.
+// arithmetic, capacities of the file types, and the second names with the
+// wrappers that do more.
 #include <fstream>
 #include <iterator>
 #include <regex>
@@ -12,9 +12,6 @@
 
 namespace imtest {
 namespace {
-
-using Ints = std::vector<int>;
-using Floats = std::vector<float>;
 
 class AttributesTest : public ImsubsTest {
  protected:

@@ -1,14 +1,12 @@
-// Extended header: sizing arithmetic, the type judged by shape, the record
-// guards, the value table, copies between streams, and stacks of every type
-// written and opened again, also from a file in the opposite byte order.
+// Extended header: sizing arithmetic, the type judged by shape, the value
+// table, the record guards, stacks of every type written and opened again,
+// and copies between streams.
 #include "imsubs_fixture.h"
 
 namespace imtest {
 namespace {
 
 constexpr int kNx = 4, kNy = 3, kNz = 3, kNw = 2, kNt = 2, kSections = kNz * kNw * kNt;
-using Ints = std::vector<int>;
-using Floats = std::vector<float>;
 
 // Distinct values for the record of a section.
 void recordFor(int sec, int ints, int floats, Ints& iv, Floats& fv) {

@@ -1,7 +1,6 @@
 // Named field store: the parser's outcomes as one table, the byte counting,
-// the typed set and get calls with their refusals, the rebuild with its
-// overrun warning, and files whose field section is broken, which must open
-// with their pixels and without their fields.
+// the typed set and get calls with their refusals, and the rebuild with its
+// overrun warning.
 #include "imsubs_fixture.h"
 
 namespace imtest {

@@ -1,7 +1,7 @@
 // The 1024-byte header and the whole-header calls: decoding hand-made
-// headers of both layouts in both byte orders, round trips through a
-// rewrite, the repair and rounding rules, reserved bytes, the creators, the
-// report text, the title modes of IMWrHdr and the rectangle statistics.
+// headers of both layouts in both byte orders with a round trip through a
+// rewrite, the rounding rules of the encoder, the report text, header
+// images, the rectangle statistics and the unsupported calls.
 #include <gmock/gmock.h>
 
 #include <cstddef>
@@ -13,8 +13,6 @@ namespace {
 
 constexpr int kNarrow = 0;
 constexpr int kWide = 100;
-using Ints = std::vector<int>;
-using Floats = std::vector<float>;
 
 // The record's plain decoded fields, as bytes; the record is allocated
 // zeroed, so padding compares equal.

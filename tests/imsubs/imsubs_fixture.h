@@ -23,6 +23,8 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 using Bytes = std::vector<unsigned char>;
+using Ints = std::vector<int>;
+using Floats = std::vector<float>;
 
 // Writes `width` bytes of `value` at `offset`, reversed when `foreign`.
 inline void putBytes(Bytes& out, std::size_t offset, void const* value, std::size_t width,

@@ -1,7 +1,7 @@
 // Section pixels: the type table, round trips over pixel type x sequence x
 // byte order against byte images built here, the clamping rules of each
 // write call against a reference, the line, part-line and rectangle calls,
-// and refusals of bad files.
+// and refusals of hostile headers.
 #include <cmath>
 #include <limits>
 #include <random>

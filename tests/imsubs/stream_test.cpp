@@ -1,8 +1,7 @@
-// Streams and file access: the status texts, stream numbers, the open
-// attributes and access paths, file failures, the retry rule, and the file
-// checks that work on paths.
+// Streams and file access: the status texts, stream numbers, file failures
+// and the checks that work on paths, the first-open announcement, and
+// read-only streams on either access path.
 #include <algorithm>
-#include <csignal>
 #include <iterator>
 
 #include "imsubs_fixture.h"
