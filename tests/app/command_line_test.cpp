@@ -49,7 +49,9 @@ struct Case {
   int expectedStatus;
 };
 
-void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const Case& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class CommandLine : public ::testing::TestWithParam<Case> {};
 
@@ -73,8 +75,7 @@ std::vector<std::string> calibrationWith(std::vector<std::string> options) {
 INSTANTIATE_TEST_SUITE_P(
     Cases, CommandLine,
     ::testing::Values(
-        Case{"HelpAlone", {"-help"}, "USAGE", 0},
-        Case{"NoArguments", {}, "USAGE", 1},
+        Case{"HelpAlone", {"-help"}, "USAGE", 0}, Case{"NoArguments", {}, "USAGE", 1},
         Case{"HelpWithMore", {"-help", "x"}, "USAGE", 1},
         Case{"UnknownMode", {"align", "a", "b"}, "USAGE", 1},
         Case{"CalibrationHelp", {"calibration", "-help"}, "USAGE", 1},
@@ -102,32 +103,21 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"GridLarge", calibrationWith({"-gridThreshold", "5"}), kAcceptedCalibration, 1},
         Case{"GridNan", calibrationWith({"-gridThreshold", "nan"}), kAcceptedCalibration, 1},
         Case{"AllFlags",
-             calibrationWith({"-doLinearModelFitting", "-doHighOrderModelFitting",
-                              "-statusFile", "/nonexistent/dir/status"}),
+             calibrationWith({"-doLinearModelFitting", "-doHighOrderModelFitting", "-statusFile",
+                              "/nonexistent/dir/status"}),
              kAcceptedCalibration, 1},
         Case{"SixteenArguments",
-             calibrationWith({"-doLinearModelFitting", "-doLinearModelFitting",
-                              "-doLinearModelFitting", "-doLinearModelFitting",
-                              "-doLinearModelFitting", "-doLinearModelFitting",
-                              "-doLinearModelFitting", "-doLinearModelFitting",
-                              "-doLinearModelFitting", "-doLinearModelFitting",
-                              "-doLinearModelFitting", "-doLinearModelFitting"}),
+             calibrationWith(std::vector<std::string>(12, "-doLinearModelFitting")),
              kAcceptedCalibration, 1},
         Case{"SeventeenArguments",
-             calibrationWith({"-doLinearModelFitting", "-doLinearModelFitting",
-                              "-doLinearModelFitting", "-doLinearModelFitting",
-                              "-doLinearModelFitting", "-doLinearModelFitting",
-                              "-doLinearModelFitting", "-doLinearModelFitting",
-                              "-doLinearModelFitting", "-doLinearModelFitting",
-                              "-doLinearModelFitting", "-doLinearModelFitting",
-                              "-doLinearModelFitting"}),
-             "USAGE", 1},
+             calibrationWith(std::vector<std::string>(13, "-doLinearModelFitting")), "USAGE", 1},
         Case{"CorrectionTooFew", {"correction", "a", "b"}, "USAGE", 1},
         Case{"CorrectionNonOption", {"correction", "a", "b", "c", "stray"}, "USAGE", 1},
         Case{"CorrectionMissingValue", {"correction", "a", "b", "c", "-zShift"}, "USAGE", 1},
         Case{"CorrectionTenArguments",
              {"correction", "a", "b", "c", "-zShift", "1", "-zShift", "2", "-help"},
-             "USAGE", 1}),
+             "USAGE",
+             1}),
     [](const ::testing::TestParamInfo<Case>& info) { return std::string(info.param.name); });
 
 // An unknown correction option is compared again without end: the parser

