@@ -46,7 +46,7 @@ void writeStack(const std::string& path, const StackSpec& s) {
 
 // A channel row of the linear model in physical units of the stack `s`:
 // identity about the section's middle, a shift in whole pixels and a Z offset
-// in whole sections; with `final`, the final row of the stack.
+// in whole sections; or the final row.
 std::vector<double> row(const StackSpec& s, float wave, std::vector<int> shift,
                         bool final = false) {
   std::vector<double> r(27, 0.0);
@@ -158,24 +158,29 @@ TEST(CorrectionRunTest, ResamplesShiftsInZAndRecordsStatistics) {
   flat.nz = 1, flat.nt = 1, flat.extValues = false;
   struct Case {
     StackSpec stack;
-    std::vector<int> shifts;  // x, y and Z offset of the row for 600, Z offset for 700
+    std::vector<int> shifts;  // x, y and Z offset of the row for 600, then the row for 700
     std::vector<std::string> options;
     int outputSections;
     std::vector<ExpectedChannel> expected;
   };
   const std::vector<Case> cases = {
-      {kStack, {2, 1, 1, -1}, {}, 2, {{1, 0, 0}, {2, 2, 1}, {0, 0, 0}}},
+      {kStack, {2, 1, 1, 0, 0, -1}, {}, 2, {{1, 0, 0}, {2, 2, 1}, {0, 0, 0}}},
       // 2.9 / 2.0 rounds half up to 1 section, -1.2 / 2.0 to -1; the file's
       // offsets are replaced altogether.
-      {kStack, {2, 1, 5, 5}, {"-zShift", "0:2.9:-1.2"}, 2, {{1, 0, 0}, {2, 2, 1}, {0, 0, 0}}},
-      {flat, {-3, 2, 4, -4}, {}, 1, {{0, 0, 0}, {0, -3, 2}, {0, 0, 0}}},
+      {kStack,
+       {2, 1, 5, -1, 3, 5},
+       {"-zShift", "0:2.9:-1.2"},
+       2,
+       {{1, 0, 0}, {2, 2, 1}, {0, -1, 3}}},
+      {flat, {-3, 2, 4, 0, 0, -4}, {}, 1, {{0, 0, 0}, {0, -3, 2}, {0, 0, 0}}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(&c - cases.data());
     testutil::ScratchDir dir;
     writeStack(dir.file("in.qf"), c.stack);
     writeParameters(dir.file("p.txt"),
-                    {row(c.stack, 600.0f, c.shifts), row(c.stack, 700.0f, {0, 0, c.shifts[3]}),
+                    {row(c.stack, 600.0f, {c.shifts.begin(), c.shifts.begin() + 3}),
+                     row(c.stack, 700.0f, {c.shifts.begin() + 3, c.shifts.end()}),
                      row(c.stack, 500.0f, {}, true)});
     std::vector<std::string> args = {"correction", dir.file("in.qf"), dir.file("p.txt"),
                                      dir.file("out.qf")};

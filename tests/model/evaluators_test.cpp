@@ -88,26 +88,6 @@ TEST(ModelEvaluatorTest, HandComputedPoints) {
   }
 }
 
-TEST(ModelEvaluatorTest, AppendInOrderAndKeepEarlierEntries) {
-  const Parameters radialIdentity = params({5.0, 5.0, 1.0});
-  const Parameters linearIdentity = params({5.0, 5.0, 1.0, 1.0});
-  const Points points = {{1.0, 2.0}, {3.0, 4.0}, {5.0, 6.0}};
-  for (Model model : {Model::kRadial, Model::kLinear, Model::kHighLinear, Model::kHighRadial}) {
-    SCOPED_TRACE(static_cast<int>(model));
-    const bool radial = model == Model::kRadial || model == Model::kHighRadial;
-    const Parameters& p = radial ? radialIdentity : linearIdentity;
-    EXPECT_TRUE(evaluate(model, p, {}, {}).empty());
-    const Points out = evaluate(model, p, points, {{-9.0, -8.0}});
-    ASSERT_EQ(out.size(), 4u);
-    EXPECT_EQ(out[0].x, -9.0);
-    EXPECT_EQ(out[0].y, -8.0);
-    for (int i = 0; i < 3; ++i) {
-      EXPECT_NEAR(out[i + 1].x, points[i].x, 1e-12);
-      EXPECT_NEAR(out[i + 1].y, points[i].y, 1e-12);
-    }
-  }
-}
-
 // Point lists whose entry i lies `distances[i]` apart along X.
 void listsAtDistances(const std::vector<double>& distances, Points& first, Points& second) {
   for (size_t i = 0; i < distances.size(); ++i) {

@@ -1,6 +1,7 @@
 // The high-order stage: the polynomial fit against known polynomials, on
 // rank-deficient and tiny inputs and on inputs with nothing to fit; the
-// residual cut; and the whole stage on synthetic spot planes.
+// residual cut; and the stage without spot pairs (the black-box calibration
+// runs fit real distortions).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -112,11 +113,6 @@ using spottest::Plane;
 
 constexpr int kSize = 256;
 
-// Coefficients of the distortion laid over the identity, per axis, for
-// offsets from the centre (128, 128).
-const double kDistortionX[kTerms] = {0.1, 0.0, 0.0, 0.0, 1.5e-5, 2e-5};
-const double kDistortionY[kTerms] = {-0.15, 0.0, 1.8e-5, 0.0, 0.0, 0.0};
-
 std::vector<double> identityLinear() {
   std::vector<double> p(kNumModelParameters, 0.0);
   p[0] = p[1] = kSize / 2;
@@ -124,54 +120,7 @@ std::vector<double> identityLinear() {
   return p;
 }
 
-std::vector<CorvanePoint2D> spotGrid() {
-  std::vector<CorvanePoint2D> spots;
-  for (int i = 0; i < 5; ++i) {
-    for (int j = 0; j < 5; ++j) spots.push_back({48.3 + 40 * j, 47.6 + 40.2 * i});
-  }
-  return spots;
-}
-
 }  // namespace
-
-TEST(FittingProcessHighOrder, FitsTheDistortionLeftByTheBaseModel) {
-  spottest::ScopedGridThreshold threshold(0.99);
-  std::vector<double> truth = identityLinear();
-  std::copy(kDistortionX, kDistortionX + kTerms, truth.begin() + 8);
-  std::copy(kDistortionY, kDistortionY + kTerms, truth.begin() + 14);
-  const std::vector<CorvanePoint2D> spots = spotGrid();
-  std::vector<CorvanePoint2D> moved;
-  changeHigh(spots, truth.data(), moved, 1);
-  Plane reference(kSize, kSize, 10.0), channel(kSize, kSize, 10.0);
-  for (std::size_t i = 0; i < spots.size(); ++i) {
-    spottest::addSpot(reference, spots[i].y, spots[i].x, 1.6, 400.0);
-    spottest::addSpot(channel, moved[i].y, moved[i].x, 1.6, 400.0);
-  }
-
-  std::vector<double> p = identityLinear();
-  double meanError = -1.0, errorDeviation = -1.0;
-  testing::internal::CaptureStdout();
-  fittingProcessHighOrder(channel.table(), reference.table(), kSize, kSize, 1, p.data(), &meanError,
-                          &errorDeviation);
-  testing::internal::GetCapturedStdout();
-
-  // The base model is not touched; the corrected mapping meets the truth at
-  // every spot to a few hundredths of a pixel.
-  for (int k = 0; k < 8; ++k) EXPECT_EQ(p[k], identityLinear()[k]) << k;
-  std::vector<CorvanePoint2D> fitted;
-  changeHigh(spots, p.data(), fitted, 1);
-  for (std::size_t i = 0; i < spots.size(); ++i) {
-    EXPECT_NEAR(fitted[i].x, moved[i].x, 0.03) << i;
-    EXPECT_NEAR(fitted[i].y, moved[i].y, 0.03) << i;
-  }
-  EXPECT_NEAR(p[8], kDistortionX[0], 0.02);
-  EXPECT_NEAR(p[14], kDistortionY[0], 0.02);
-  EXPECT_NEAR(p[13], kDistortionX[5], 3e-6);
-  EXPECT_NEAR(p[16], kDistortionY[2], 3e-6);
-  // Measured after correction: the pairs fit to well under a pixel.
-  EXPECT_EQ(meanError, 0.0);
-  EXPECT_GE(errorDeviation, 0.0);
-}
 
 TEST(FittingProcessHighOrder, LeavesEverythingWhenNoSpotPairs) {
   spottest::ScopedGridThreshold threshold(0.99);

@@ -1,7 +1,6 @@
 // The base model fit: the direction filter and when it stays out, the bounds
-// of both models, the exact inverses, the distance residuals, the bounded
-// solve against known models and against the documented solver loop, and
-// whole passes on synthetic spot planes.
+// of both models, the bounded solve against known models and against the
+// documented solver loop, and passes that cannot fit.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -120,45 +119,6 @@ TEST(ParameterBounds, FollowTheTablesOfBothModels) {
     lower.resize(n), upper.resize(n);
     EXPECT_EQ(lower, (flag ? linear : radial)[0]);
     EXPECT_EQ(upper, (flag ? linear : radial)[1]);
-  }
-}
-
-TEST(InverseModel, CarriesMappedPointsBackExactly) {
-  struct Case {
-    int linearFlag;
-    std::vector<double> p;
-  };
-  // Inside the bounds and far outside them: a half turn, strong scales, shears.
-  const Case cases[] = {
-      {kRadial, params({410, 300, 0.86, -0.19, -49.0, 37.5})},
-      {kRadial, params({0.0, 0.0, 3.0, 3.14159265358979323846, 10.0, 10.0})},
-      {kLinear, params({600, 480, 1.2, 0.85, -0.2, 0.2, 50, -50})},
-      {kLinear, params({10.0, 20.0, 2.0, 0.5, 0.3, 0.1, -4.0, 8.0})},
-  };
-  Points points = gridPoints(-20.0, 97.3, 8);
-  points.insert(points.end(), {{1023.0, 0.0}, {511.5, 300.25}, {17.0, 1000.0}, {-5.0, 7.0}});
-  for (const Case& c : cases) {
-    double inverse[kNumModelParameters];
-    invertBaseModel(c.p.data(), c.linearFlag, inverse);
-    const Points back =
-        carry(carry(points, c.p, c.linearFlag),
-              std::vector<double>(inverse, inverse + kNumModelParameters), c.linearFlag);
-    EXPECT_LT(worstDistance(back, points), 1e-9) << c.linearFlag << " " << c.p[2];
-  }
-}
-
-TEST(ParameterFinderObjective, GivesOneDistancePerSpot) {
-  const Points source = {{10, 10}, {20, 5}, {0, 0}};
-  const Points target = {{13, 14}, {20, 5}, {-6, -8}};
-  // Radial identity about (0, 0), and a linear shift of (3, 4).
-  double radial[6] = {0, 0, 1.0, 0.0, 0.0, 0.0}, linear[8] = {0, 0, 1, 1, 0, 0, 3.0, 4.0};
-  const double expected[2][3] = {{5.0, 0.0, 10.0}, {0.0, 5.0, std::hypot(9.0, 12.0)}};
-  for (int flag : {kRadial, kLinear}) {
-    ParameterFinderData data{flag, source, target};
-    double f[3];
-    int m = 3, n = flag ? 8 : 6;
-    calculateObjectiveFunctionParameterFinder(&m, &n, flag ? linear : radial, f, &data);
-    for (int i = 0; i < 3; ++i) EXPECT_NEAR(f[i], expected[flag][i], 1e-12) << flag << i;
   }
 }
 
@@ -291,27 +251,14 @@ PassResult onePass(SpotPlanes& planes, int linearFlag, std::vector<double> start
 
 }  // namespace
 
-TEST(FittingProcess, FitsTheModelBetweenSpotPlanesOrLeavesTheErrorsAlone) {
+TEST(FittingProcess, PassesThatCannotFitLeaveTheErrorsAlone) {
   spottest::ScopedGridThreshold threshold(0.995);
-  Points spots;
-  for (int i = 0; i < 9; ++i) spots.push_back({62.0 + i % 3 * 66.3, 61.4 + i / 3 * 65.8});
-  SpotPlanes planes = spotPlanes(spots, params({128, 128, 1.01, 0.008, 2.3, -1.6}), kRadial);
-  PassResult r = onePass(planes, kRadial, params({128, 128, 1.0, 0.0}));
-  EXPECT_EQ(r.console, "");
-  EXPECT_NEAR(r.p[2], 1.01, 1e-3);
-  EXPECT_NEAR(r.p[3], 0.008, 1e-3);
-  // All pairs fit to well under a pixel, which the truncated mean reads as 0.
-  EXPECT_EQ(r.meanError, 0.0);
-  EXPECT_TRUE(r.errorDeviation >= 0.0 && r.errorDeviation < 0.1) << r.errorDeviation;
-
   // Three spots for six parameters: the solver refuses, the pass says so.
-  spots.resize(3);
+  Points spots = {{70.2, 80.1}, {150.3, 90.6}, {120.7, 180.2}};
   SpotPlanes few = spotPlanes(spots, params({128, 128, 1.0, 0.0, 1.5, 0.5}), kRadial);
-  r = onePass(few, kRadial, params({128, 128, 1.0, 0.0}));
+  PassResult r = onePass(few, kRadial, params({128, 128, 1.0, 0.0}));
   EXPECT_EQ(r.console, "Error in dtrnlspbc_init\nCalibration may be inaccurate\n");
-  EXPECT_EQ(r.meanError, -1.0);
-  EXPECT_EQ(r.errorDeviation, -1.0);
-
+  EXPECT_TRUE(r.meanError == -1.0 && r.errorDeviation == -1.0);
   // Below -1.0 everywhere no spot fit finds a peak: no pairs, silence, and
   // the parameters stay as they came.
   SpotPlanes dark(-5.0);
