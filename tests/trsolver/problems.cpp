@@ -58,29 +58,12 @@ void bard(int*, int*, double* x, double* f, void*) {
   }
 }
 
-void gaussian(int*, int*, double* x, double* f, void*) {
-  const double y[15] = {0.0009, 0.0044, 0.0175, 0.0540, 0.1295, 0.2420, 0.3521, 0.3989,
-                        0.3521, 0.2420, 0.1295, 0.0540, 0.0175, 0.0044, 0.0009};
-  for (int i = 1; i <= 15; ++i) {
-    const double t = (8.0 - i) / 2.0;
-    f[i - 1] = x[0] * std::exp(-x[1] * (t - x[2]) * (t - x[2]) / 2.0) - y[i - 1];
-  }
-}
-
 void meyer(int*, int*, double* x, double* f, void*) {
   const double y[16] = {34780, 28610, 23650, 19630, 16370, 13720, 11540, 9744,
                         8261,  7030,  6005,  5147,  4427,  3820,  3307,  2872};
   for (int i = 1; i <= 16; ++i) {
     const double t = 45.0 + 5.0 * i;
     f[i - 1] = x[0] * std::exp(x[1] / (t + x[2])) - y[i - 1];
-  }
-}
-
-void boxThreeDimensional(int* m, int*, double* x, double* f, void*) {
-  for (int i = 1; i <= *m; ++i) {
-    const double t = 0.1 * i;
-    f[i - 1] =
-        std::exp(-t * x[0]) - std::exp(-t * x[1]) - x[2] * (std::exp(-t) - std::exp(-10.0 * t));
   }
 }
 
@@ -111,15 +94,6 @@ void osborne1(int*, int*, double* x, double* f, void*) {
   }
 }
 
-void biggsExp6(int* m, int*, double* x, double* f, void*) {
-  for (int i = 1; i <= *m; ++i) {
-    const double t = 0.1 * i;
-    const double y = std::exp(-t) - 5.0 * std::exp(-10.0 * t) + 3.0 * std::exp(-4.0 * t);
-    f[i - 1] =
-        x[2] * std::exp(-t * x[0]) - x[3] * std::exp(-t * x[1]) + x[5] * std::exp(-t * x[4]) - y;
-  }
-}
-
 }  // namespace
 
 const std::vector<TestProblem>& classicProblems() {
@@ -132,13 +106,10 @@ const std::vector<TestProblem>& classicProblems() {
       {"JennrichSampson", jennrichSampson, 2, 10, {0.3, 0.4}, 124.362},
       {"HelicalValley", helicalValley, 3, 3, {-1.0, 0.0, 0.0}, 0.0},
       {"Bard", bard, 3, 15, {1.0, 1.0, 1.0}, 8.21487e-3},
-      {"Gaussian", gaussian, 3, 15, {0.4, 1.0, 0.0}, 1.12793e-8},
       {"Meyer", meyer, 3, 16, {0.02, 4000.0, 250.0}, 87.9458},
-      {"BoxThreeDimensional", boxThreeDimensional, 3, 10, {0.0, 10.0, 20.0}, 0.0},
       {"PowellSingular", powellSingular, 4, 4, {3.0, -1.0, 0.0, 1.0}, 0.0},
       {"Wood", wood, 4, 6, {-3.0, -1.0, -3.0, -1.0}, 0.0},
       {"Osborne1", osborne1, 5, 33, {0.5, 1.5, -1.0, 0.01, 0.02}, 5.46489e-5},
-      {"BiggsExp6", biggsExp6, 6, 13, {1.0, 2.0, 1.0, 1.0, 1.0, 1.0}, 5.65565e-3},
   };
   return table;
 }
