@@ -1,8 +1,7 @@
 // Calibration as a user meets it: targets with known misregistration written
 // with the image stream library, the corvane binary run on them with every
 // flag combination, the parameter file checked against the truth and then
-// used by a correction run, whose output must bring the channels together;
-// and the targets that can't be used.
+// accepted by a correction run; and the targets that can't be used.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -159,49 +159,26 @@ TEST(WriteAlignmentParameterTest, FailuresToOpenAndToClose) {
 // 0.5 and 0.25. Stack corrected: 200 columns by 121 rows, spacings 0.25,
 // 0.125 and Z 0.5. All exact in binary, so the expected values are exact.
 TEST(ConvertAlignmentParameterTest, CentresTranslationsAndZOffsetIntoPixels) {
-  struct Case {
-    int linearFlag;
-    double slot11, slot12, slot13, slot14;  // expected
-  };
-  const std::vector<Case> cases = {
-      {0, 12.0, 8.0, 5.0, 7.0},   // radial: the translation sits in slots 11, 12
-      {1, 3.0, 1.0, 20.0, 56.0},  // linear: in slots 13, 14
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.linearFlag);
-    std::vector<double> channel(27);
+  for (int linearFlag : {0, 1}) {
+    SCOPED_TRACE(linearFlag);
+    std::vector<double> channel(27), last(27, 0.0);
     for (int s = 0; s < 27; ++s) channel[s] = 1000.0 + s;
-    channel[6] = 1.5;
-    channel[7] = 30.0;  // 60 px, 10 px right of the middle 50
-    channel[8] = 10.0;  // 40 px, 10 px below the middle 30
-    channel[11] = 3.0;
-    channel[12] = 1.0;
-    channel[13] = 5.0;
-    channel[14] = 7.0;
-    std::vector<double> last(27, 0.0);
-    last[0] = 488.0;
-    last[1] = c.linearFlag;
-    last[7] = 100.9;
-    last[8] = 60.0;
-    last[9] = 0.5;
-    last[10] = 0.25;
-    last[11] = 99.0;  // Z spacing of the calibration: not used
+    // Centre 60 px, 10 px right of the middle 50, and 40 px, 10 px below the
+    // middle 30; translations in slots 11, 12 (radial) or 13, 14 (linear).
+    channel[6] = 1.5, channel[7] = 30.0, channel[8] = 10.0;
+    channel[11] = 3.0, channel[12] = 1.0, channel[13] = 5.0, channel[14] = 7.0;
+    // The Z spacing of the calibration (slot 11) is not used.
+    last[0] = 488.0, last[1] = linearFlag, last[7] = 100.9, last[8] = 60.0;
+    last[9] = 0.5, last[10] = 0.25, last[11] = 99.0;
     Rows rows = {channel, channel, last};
-
     convertAlignmentParameterToPixels(rows, 121, 200, 0.25f, 0.125f, 0.5f);
-
-    for (int r = 0; r < 2; ++r) {
-      std::vector<double> expected = channel;
-      expected[6] = 3.0;
-      expected[7] = 120.0;  // 10 px at 0.5 are 20 px at 0.25, from the middle 100
-      expected[8] = 80.5;   // 10 px at 0.25 are 20 px at 0.125, from the middle 60.5
-      expected[11] = c.slot11;
-      expected[12] = c.slot12;
-      expected[13] = c.slot13;
-      expected[14] = c.slot14;
-      EXPECT_EQ(rows[r], expected) << "row " << r;
-    }
-    EXPECT_EQ(rows[2], last);
+    // 10 px at 0.5 are 20 px at 0.25, from the middle 100; 10 px at 0.25 are
+    // 20 px at 0.125, from the middle 60.5.
+    std::vector<double> expected = channel;
+    expected[6] = 3.0, expected[7] = 120.0, expected[8] = 80.5;
+    if (linearFlag == 0) expected[11] = 12.0, expected[12] = 8.0;
+    if (linearFlag == 1) expected[13] = 20.0, expected[14] = 56.0;
+    EXPECT_EQ(rows, (Rows{expected, expected, last}));
   }
   // Only the final row: nothing to convert.
   Rows rows = {std::vector<double>(27, 0.5)};
