@@ -1,6 +1,6 @@
 // The base model fit: the direction filter and when it stays out, the bounds
-// of both models, the bounded solve against known models and against the
-// documented solver loop, and passes that cannot fit.
+// of both models, the exact inverses, the bounded solve against known models
+// and against the documented solver loop, and passes that cannot fit.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -119,6 +119,23 @@ TEST(ParameterBounds, FollowTheTablesOfBothModels) {
     lower.resize(n), upper.resize(n);
     EXPECT_EQ(lower, (flag ? linear : radial)[0]);
     EXPECT_EQ(upper, (flag ? linear : radial)[1]);
+  }
+}
+
+// Inside the bounds and far outside them: a half turn, strong scales, shears.
+TEST(InverseModel, CarriesMappedPointsBackExactly) {
+  const std::vector<double> models[] = {params({410, 300, 0.86, -0.19, -49.0, 37.5}),
+                                        params({0.0, 0.0, 3.0, 3.14159265358979323846, 10.0, 10.0}),
+                                        params({600, 480, 1.2, 0.85, -0.2, 0.2, 50, -50}),
+                                        params({10.0, 20.0, 2.0, 0.5, 0.3, 0.1, -4.0, 8.0})};
+  Points points = gridPoints(-20.0, 97.3, 8);
+  points.insert(points.end(), {{1023.0, 0.0}, {511.5, 300.25}, {17.0, 1000.0}, {-5.0, 7.0}});
+  for (int k = 0; k < 4; ++k) {
+    const int flag = k < 2 ? kRadial : kLinear;
+    std::vector<double> inverse(kNumModelParameters);
+    invertBaseModel(models[k].data(), flag, inverse.data());
+    EXPECT_LT(worstDistance(carry(carry(points, models[k], flag), inverse, flag), points), 1e-9)
+        << k;
   }
 }
 

@@ -1,5 +1,5 @@
-// Focus section search: histogram bins and their edges, the region contrast
-// against a straightforward version, and the search on real stack files
+// Focus section search: histogram bins and the region contrast against
+// straightforward versions, and the search on real stack files
 // (known best section, an outlying region, rounding, the ignored time point,
 // a failing read).
 
