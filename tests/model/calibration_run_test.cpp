@@ -4,14 +4,9 @@
 // accepted by a correction run; and the targets that can't be used.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
-#include <cstdio>
 #include <string>
 #include <vector>
 
-#include "app/settings.h"
-#include "imsubs/imsubs.h"
 #include "model/model.h"
 #include "model/target_stack.h"
 #include "support/testutil.h"
