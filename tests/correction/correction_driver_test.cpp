@@ -46,32 +46,18 @@ void writeStack(const std::string& path, const StackSpec& s) {
 
 // A channel row of the linear model in physical units of the stack `s`:
 // identity about the section's middle, a shift in whole pixels and a Z offset
-// in whole sections.
-std::vector<double> channelRow(const StackSpec& s, float wave, int shiftX, int shiftY,
-                               int zOffset) {
-  std::vector<double> row(27, 0.0);
-  row[0] = wave;
-  row[1] = 1.0;
-  row[6] = zOffset * s.dz;
-  row[7] = (s.nx / 2) * s.dx;
-  row[8] = (s.ny / 2) * s.dy;
-  row[9] = 1.0;
-  row[10] = 1.0;
-  row[13] = shiftX * s.dx;
-  row[14] = shiftY * s.dy;
-  return row;
-}
-
-std::vector<double> finalRow(const StackSpec& s, float wave) {
-  std::vector<double> row(27, 0.0);
-  row[0] = wave;
-  row[1] = 1.0;
-  row[7] = s.nx;
-  row[8] = s.ny;
-  row[9] = s.dx;
-  row[10] = s.dy;
-  row[11] = s.dz;
-  return row;
+// in whole sections; or the final row.
+std::vector<double> row(const StackSpec& s, float wave, std::vector<int> shift,
+                        bool final = false) {
+  std::vector<double> r(27, 0.0);
+  r[0] = wave, r[1] = 1.0;
+  if (final) {
+    r[7] = s.nx, r[8] = s.ny, r[9] = s.dx, r[10] = s.dy, r[11] = s.dz;
+    return r;
+  }
+  r[6] = shift[2] * s.dz, r[7] = (s.nx / 2) * s.dx, r[8] = (s.ny / 2) * s.dy;
+  r[9] = r[10] = 1.0, r[13] = shift[0] * s.dx, r[14] = shift[1] * s.dy;
+  return r;
 }
 
 void writeParameters(const std::string& path, const std::vector<std::vector<double>>& rows) {
@@ -83,63 +69,50 @@ void writeParameters(const std::string& path, const std::vector<std::vector<doub
 // What one output channel should hold: its input sections start at
 // `firstInput` and its pixels are pulled from (x + shiftX, y + shiftY).
 struct ExpectedChannel {
-  int firstInput;
-  int shiftX;
-  int shiftY;
+  int firstInput, shiftX, shiftY;
 };
 
 void checkOutput(const std::string& path, const StackSpec& in, int outputSections,
                  const std::vector<ExpectedChannel>& channels) {
   ASSERT_EQ(IMOpen(kTestStream, path.c_str(), "ro"), 0);
-  int nz = 0, nw = 0, nt = 0, sequence = 0;
-  ASSERT_EQ(IMRtZWT(kTestStream, &nz, &nw, &nt, &sequence), 0);
-  EXPECT_EQ(nz, outputSections);
-  EXPECT_EQ(nw, in.nw);
-  EXPECT_EQ(nt, in.nt);
-  int mode = -1;
-  ASSERT_EQ(IMRtMode(kTestStream, &mode), 0);
-  EXPECT_EQ(mode, 2);
+  int nz = 0, nw = 0, nt = 0, sequence = 0, mode = -1;
   float dx = 0, dy = 0, dz = 0;
+  ASSERT_EQ(IMRtZWT(kTestStream, &nz, &nw, &nt, &sequence), 0);
+  ASSERT_EQ(IMRtMode(kTestStream, &mode), 0);
   ASSERT_EQ(IMRtDel2(kTestStream, &dx, &dy, &dz), 0);
-  EXPECT_EQ(dx, in.dx);
-  EXPECT_EQ(dy, in.dy);
-  EXPECT_EQ(dz, in.dz);
-
-  std::vector<float> section(in.nx * in.ny);
+  EXPECT_EQ(std::vector<double>({double(nz), double(nw), double(nt), double(mode), dx, dy, dz}),
+            std::vector<double>(
+                {double(outputSections), double(in.nw), double(in.nt), 2.0, in.dx, in.dy, in.dz}));
+  std::vector<float> section(in.nx * in.ny), want(section.size());
   for (int w = 0; w < in.nw; ++w) {
     const ExpectedChannel& e = channels[w];
-    double lowest = 1.7976931348623157e308, highest = -1.0, sumOfMeans = 0.0;
+    double lowest = INFINITY, highest = -INFINITY, sumOfMeans = 0.0;
     for (int t = 0; t < in.nt; ++t) {
       for (int k = 0; k < outputSections; ++k) {
         SCOPED_TRACE(testing::Message() << "channel " << w << ", time " << t << ", section " << k);
         const int z = e.firstInput + k;
+        double sum = 0.0;
+        for (int i = 0; i < in.nx * in.ny; ++i) {
+          const int sx = i % in.nx + e.shiftX, sy = i / in.nx + e.shiftY;
+          const bool inside = sx >= 0 && sx < in.nx && sy >= 0 && sy < in.ny;
+          sum += want[i] = inside ? pixelValue(sx, sy, z, w, t) : 0.0f;
+        }
         ASSERT_EQ(IMPosnZWT(kTestStream, k, w, t), 0);
         ASSERT_EQ(IMRdSec(kTestStream, section.data()), 0);
-        double minimum = 1.7976931348623157e308, maximum = -1.0, sum = 0.0;
-        for (int y = 0; y < in.ny; ++y) {
-          for (int x = 0; x < in.nx; ++x) {
-            const int sx = x + e.shiftX, sy = y + e.shiftY;
-            const bool inside = sx >= 0 && sx < in.nx && sy >= 0 && sy < in.ny;
-            const float want = inside ? pixelValue(sx, sy, z, w, t) : 0.0f;
-            ASSERT_EQ(section[y * in.nx + x], want) << "at " << x << "," << y;
-            minimum = std::min(minimum, static_cast<double>(want));
-            maximum = std::max(maximum, static_cast<double>(want));
-            sum += want;
-          }
-        }
+        EXPECT_EQ(section, want);
+        // The running maximum starts at -1.0, by design.
+        const double minimum = *std::min_element(want.begin(), want.end());
+        const double maximum = std::max(-1.0, double(*std::max_element(want.begin(), want.end())));
         const double mean = sum / (in.nx * in.ny);
-        double value = 0.0;
-        const double expected[8] = {in.extValues ? carriedValue(0, z, w, t) : 0.0,
-                                    in.extValues ? carriedValue(1, z, w, t) : 0.0,
-                                    in.extValues ? carriedValue(2, z, w, t) : 0.0,
-                                    in.extValues ? carriedValue(3, z, w, t) : 0.0,
-                                    in.extValues ? carriedValue(4, z, w, t) : 0.0,
-                                    minimum,
-                                    maximum,
-                                    mean};
+        // Values 0 to 4 carried over (or zeros), then minimum, maximum, mean.
         for (int id = 0; id < 8; ++id) {
+          const double expected = id < 5    ? (in.extValues ? carriedValue(id, z, w, t) : 0.0)
+                                  : id == 5 ? minimum
+                                  : id == 6 ? maximum
+                                            : mean;
+          double value = 0.0;
           ASSERT_EQ(IMRtExHdrValueZWT(kTestStream, k, w, t, id, &value), 0);
-          EXPECT_EQ(value, static_cast<float>(expected[id])) << "value " << id;
+          EXPECT_EQ(value, static_cast<float>(expected)) << "value " << id;
         }
         lowest = std::min(lowest, minimum);
         highest = std::max(highest, maximum);
@@ -148,11 +121,10 @@ void checkOutput(const std::string& path, const StackSpec& in, int outputSection
     }
     float wave = 0, min = 0, max = 0, mean = 0;
     ASSERT_EQ(IMRtWav2(kTestStream, w, &wave), 0);
-    EXPECT_EQ(wave, in.waves[w]);
     ASSERT_EQ(IMRtWavMMM(kTestStream, w, &min, &max, &mean), 0);
-    EXPECT_EQ(min, static_cast<float>(lowest));
-    EXPECT_EQ(max, static_cast<float>(highest));
-    EXPECT_EQ(mean, static_cast<float>(sumOfMeans / (in.nt * outputSections)));
+    EXPECT_EQ(std::vector<float>({wave, min, max, mean}),
+              std::vector<float>({in.waves[w], float(lowest), float(highest),
+                                  float(sumOfMeans / (in.nt * outputSections))}));
   }
   IMClose(kTestStream);
 }
@@ -178,50 +150,46 @@ const char kStdoutOfThreeChannels[] =
 // Channel 500 is the reference (the final row) and is copied; 600 is pulled
 // from two columns right and one row down; 700 is the identity. The Z offsets
 // 0, 1 and -1 leave two of four sections: 500 reads from section 1, 600 from
-// 2, 700 from 0. The offsets come from the file or from -zShift.
+// 2, 700 from 0. The offsets come from the file or from -zShift. One section
+// ignores every offset, and without an extended header the carried values
+// are zeros.
 TEST(CorrectionRunTest, ResamplesShiftsInZAndRecordsStatistics) {
+  StackSpec flat = kStack;
+  flat.nz = 1, flat.nt = 1, flat.extValues = false;
   struct Case {
-    const char* name;
-    std::vector<int> fileZOffsets;  // of the rows for 600 and 700
+    StackSpec stack;
+    std::vector<int> shifts;  // x, y and Z offset of the row for 600, then the row for 700
     std::vector<std::string> options;
+    int outputSections;
+    std::vector<ExpectedChannel> expected;
   };
   const std::vector<Case> cases = {
-      {"offsets from the file", {1, -1}, {}},
+      {kStack, {2, 1, 1, 0, 0, -1}, {}, 2, {{1, 0, 0}, {2, 2, 1}, {0, 0, 0}}},
       // 2.9 / 2.0 rounds half up to 1 section, -1.2 / 2.0 to -1; the file's
       // offsets are replaced altogether.
-      {"offsets from -zShift", {5, 5}, {"-zShift", "0:2.9:-1.2"}},
+      {kStack,
+       {2, 1, 5, -1, 3, 5},
+       {"-zShift", "0:2.9:-1.2"},
+       2,
+       {{1, 0, 0}, {2, 2, 1}, {0, -1, 3}}},
+      {flat, {-3, 2, 4, 0, 0, -4}, {}, 1, {{0, 0, 0}, {0, -3, 2}, {0, 0, 0}}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(&c - cases.data());
     testutil::ScratchDir dir;
-    writeStack(dir.file("in.qf"), kStack);
-    writeParameters(dir.file("p.txt"), {channelRow(kStack, 600.0f, 2, 1, c.fileZOffsets[0]),
-                                        channelRow(kStack, 700.0f, 0, 0, c.fileZOffsets[1]),
-                                        finalRow(kStack, 500.0f)});
+    writeStack(dir.file("in.qf"), c.stack);
+    writeParameters(dir.file("p.txt"),
+                    {row(c.stack, 600.0f, {c.shifts.begin(), c.shifts.begin() + 3}),
+                     row(c.stack, 700.0f, {c.shifts.begin() + 3, c.shifts.end()}),
+                     row(c.stack, 500.0f, {}, true)});
     std::vector<std::string> args = {"correction", dir.file("in.qf"), dir.file("p.txt"),
                                      dir.file("out.qf")};
     args.insert(args.end(), c.options.begin(), c.options.end());
     const testutil::RunResult r = testutil::run(testutil::corvaneBinary(), args);
     EXPECT_EQ(r.exitStatus, 0) << r.err;
     EXPECT_EQ(r.out, kStdoutOfThreeChannels);
-    checkOutput(dir.file("out.qf"), kStack, 2, {{1, 0, 0}, {2, 2, 1}, {0, 0, 0}});
+    checkOutput(dir.file("out.qf"), c.stack, c.outputSections, c.expected);
   }
-}
-
-TEST(CorrectionRunTest, OneSectionIgnoresShiftsAndNoExtendedHeaderGivesZeros) {
-  StackSpec flat = kStack;
-  flat.nz = 1;
-  flat.nt = 1;
-  flat.extValues = false;
-  testutil::ScratchDir dir;
-  writeStack(dir.file("in.qf"), flat);
-  writeParameters(dir.file("p.txt"), {channelRow(flat, 600.0f, -3, 2, 4),
-                                      channelRow(flat, 700.0f, 0, 0, -4), finalRow(flat, 500.0f)});
-  const testutil::RunResult r =
-      testutil::run(testutil::corvaneBinary(),
-                    {"correction", dir.file("in.qf"), dir.file("p.txt"), dir.file("out.qf")});
-  EXPECT_EQ(r.exitStatus, 0) << r.err;
-  checkOutput(dir.file("out.qf"), flat, 1, {{0, 0, 0}, {0, -3, 2}, {0, 0, 0}});
 }
 
 TEST(CorrectionRunTest, FailuresStopBeforeAnyOutputExists) {
@@ -264,9 +232,9 @@ TEST(CorrectionRunTest, FailuresStopBeforeAnyOutputExists) {
     SCOPED_TRACE(c.name);
     testutil::ScratchDir dir;
     if (c.withInput) writeStack(dir.file("in.qf"), kStack);
-    std::vector<std::vector<double>> rows = {channelRow(kStack, 600.0f, 0, 0, 0),
-                                             channelRow(kStack, 700.0f, 0, 0, 0),
-                                             finalRow(kStack, 500.0f)};
+    std::vector<std::vector<double>> rows = {row(kStack, 600.0f, {0, 0, 0}),
+                                             row(kStack, 700.0f, {0, 0, 0}),
+                                             row(kStack, 500.0f, {}, true)};
     if (c.parameters == "no 700") rows.erase(rows.begin() + 1);
     writeParameters(dir.file("p.txt"), rows);
     if (c.parameters == "\n") {

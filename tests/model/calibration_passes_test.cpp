@@ -50,87 +50,52 @@ Outcome runScript(const std::vector<ScriptedPass>& script, int numIteration, dou
 
 }  // namespace
 
-TEST(IterateFitPasses, StopsByTheFirstRuleThatHolds) {
+// Each pass prints its line, counting down; the passes end by the first rule
+// that holds: none left, unchanged parameters, a mean below the threshold.
+TEST(IterateFitPasses, StopsByTheFirstRuleThatHoldsAndRecordsEveryPass) {
   struct Case {
-    const char* name;
     std::vector<ScriptedPass> script;
     int numIteration;
     double errThreshold;
-    int passes;
-    std::vector<double> warps;
-    std::string console;
+    std::vector<double> warps;  // element 4 at each warp; the passes are one more
+    std::vector<double> means;  // as recorded
   };
   const Case cases[] = {
-      {"all passes when nothing stops",
-       {{1, 3}, {2, 2}, {3, 4}, {4, 5}, {5, 6}},
-       5,
-       0.5,
-       5,
-       {1, 2, 3, 4},
-       "Iteration 5\nIteration 4\nIteration 3\nIteration 2\nIteration 1\n"},
-      {"one pass and no warp", {{1, 3}}, 1, 0.5, 1, {}, "Iteration 1\n"},
-      {"unchanged parameters", {{1, 3}, {kSame, 2}}, 5, 0.5, 2, {1}, "Iteration 5\nIteration 4\n"},
-      {"mean below the threshold",
-       {{1, 3}, {2, 0.4}},
-       5,
-       0.5,
-       2,
-       {1},
-       "Iteration 5\nIteration 4\n"},
-      {"mean equal to the threshold goes on",
-       {{1, 0.5}, {2, 0.49}},
-       3,
-       0.5,
-       2,
-       {1},
-       "Iteration 3\nIteration 2\n"},
-      {"a NaN mean goes on",
-       {{1, NAN}, {2, NAN}, {3, NAN}},
-       3,
-       0.5,
-       3,
-       {1, 2},
-       "Iteration 3\nIteration 2\nIteration 1\n"},
-      {"a NaN threshold never stops",
-       {{1, 0.0}, {2, 0.0}},
-       2,
-       NAN,
-       2,
-       {1},
-       "Iteration 2\nIteration 1\n"},
-      {"a pass without pairs keeps -1.0, which stops",
-       {{kSame, 0, false}},
-       5,
-       0.5,
-       1,
-       {},
-       "Iteration 5\n"},
-      {"changed parameters with no measurement keep the old mean",
-       {{1, 3}, {2, 0, false}, {3, 2}},
-       3,
-       0.5,
-       3,
-       {1, 2},
-       "Iteration 3\nIteration 2\nIteration 1\n"},
+      {{{1, 3}, {2, 2}, {3, 4}, {4, 5}, {5, 6}}, 5, 0.5, {1, 2, 3, 4}, {3, 2, 4, 5, 6}},
+      {{{1, 3}}, 1, 0.5, {}, {3}},
+      {{{1, 3}, {kSame, 2}}, 5, 0.5, {1}, {3, 2}},
+      {{{1, 3}, {2, 0.4}}, 5, 0.5, {1}, {3, 0.4}},
+      {{{1, 0.5}, {2, 0.49}}, 3, 0.5, {1}, {0.5, 0.49}},  // equal to the threshold goes on
+      {{{1, NAN}, {2, NAN}, {3, NAN}}, 3, 0.5, {1, 2}, {NAN, NAN, NAN}},
+      {{{1, 0.0}, {2, 0.0}}, 2, NAN, {1}, {0, 0}},  // a NaN threshold never stops
+      // A pass without pairs keeps -1.0, which stops; changed parameters
+      // with no measurement keep the earlier figures.
+      {{{kSame, 0, false}}, 5, 0.5, {}, {-1}},
+      {{{1, 3}, {2, 0, false}, {3, 2}}, 3, 0.5, {1, 2}, {3, 3, 2}},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(&c - cases);
     const Outcome o = runScript(c.script, c.numIteration, c.errThreshold);
-    EXPECT_EQ(o.passes, c.passes) << c.name;
-    EXPECT_EQ(o.warpedWith, c.warps) << c.name;
-    EXPECT_EQ(o.console, c.console) << c.name;
-    ASSERT_EQ(o.history.meanErrors.size(), static_cast<std::size_t>(c.passes)) << c.name;
-    ASSERT_EQ(o.history.parameters.size(), static_cast<std::size_t>(c.passes)) << c.name;
-    ASSERT_EQ(o.history.errorDeviations.size(), static_cast<std::size_t>(c.passes)) << c.name;
+    const int passes = static_cast<int>(c.warps.size()) + 1;
+    std::string lines;
+    for (int k = 0; k < passes; ++k)
+      lines += "Iteration " + std::to_string(c.numIteration - k) + "\n";
+    EXPECT_EQ(o.passes, passes);
+    EXPECT_EQ(o.warpedWith, c.warps);
+    EXPECT_EQ(o.console, lines);
+    ASSERT_EQ(o.history.parameters.size(), static_cast<std::size_t>(passes));
+    ASSERT_EQ(o.history.meanErrors.size(), c.means.size());
+    ASSERT_EQ(o.history.errorDeviations.size(), c.means.size());
+    for (int k = 0; k < passes; ++k) {
+      const double mean = o.history.meanErrors[k];
+      EXPECT_TRUE(mean == c.means[k] || (std::isnan(mean) && std::isnan(c.means[k]))) << k;
+      EXPECT_EQ(o.history.parameters[k][4], std::isnan(c.script[k].element4)
+                                                ? (k ? o.history.parameters[k - 1][4] : 0.0)
+                                                : c.script[k].element4);
+    }
   }
-}
-
-TEST(IterateFitPasses, RecordsEveryPassAsItEnded) {
+  // The second pass did not measure: it records the first pass's deviation.
   const Outcome o = runScript({{1, 3}, {2, 0, false}, {3, 2}}, 3, 0.5);
-  EXPECT_EQ(o.history.parameters[0][4], 1.0);
-  EXPECT_EQ(o.history.parameters[1][4], 2.0);
-  EXPECT_EQ(o.history.parameters[2][4], 3.0);
-  // The second pass did not measure: it records the first pass's figures.
-  EXPECT_EQ(o.history.meanErrors, (std::vector<double>{3, 3, 2}));
   EXPECT_EQ(o.history.errorDeviations, (std::vector<double>{11, 11, 13}));
 }
 

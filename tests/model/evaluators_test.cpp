@@ -44,7 +44,6 @@ Points evaluate(Model model, const Parameters& p, const Points& points, Points r
 }
 
 struct PointCase {
-  const char* name;
   Model model;
   Parameters p;
   CorvanePoint2D in;
@@ -67,70 +66,25 @@ TEST(ModelEvaluatorTest, HandComputedPoints) {
   radialHigh[8] = 1.0;
 
   const std::vector<PointCase> cases = {
-      {"radial quarter turn", Model::kRadial, quarterTurn, {2.0, 1.0}, {1.5, 2.5}, 1e-12},
-      {"radial at the centre", Model::kRadial, quarterTurn, {1.0, 1.0}, {1.5, 0.5}, 0.0},
-      {"radial identity",
-       Model::kRadial,
-       params({3.0, 4.0, 1.0}),
-       {7.25, -2.5},
-       {7.25, -2.5},
-       1e-12},
-      {"linear", Model::kLinear, linear, {12.0, 24.0}, {17.0, 31.5}, 0.0},
+      {Model::kRadial, quarterTurn, {2.0, 1.0}, {1.5, 2.5}, 1e-12},
+      {Model::kRadial, quarterTurn, {1.0, 1.0}, {1.5, 0.5}, 0.0},  // at the centre
+      {Model::kRadial, params({3.0, 4.0, 1.0}), {7.25, -2.5}, {7.25, -2.5}, 1e-12},
+      {Model::kLinear, linear, {12.0, 24.0}, {17.0, 31.5}, 0.0},
       // Exact on pixel positions; a fraction survives only a centre at 0.
-      {"linear identity",
-       Model::kLinear,
-       params({512.0, 256.0, 1.0, 1.0}),
-       {1023.0, 7.0},
-       {1023.0, 7.0},
-       0.0},
-      {"linear identity about the origin",
-       Model::kLinear,
-       params({0.0, 0.0, 1.0, 1.0}),
-       {0.1, 1023.7},
-       {0.1, 1023.7},
-       0.0},
+      {Model::kLinear, params({512.0, 256.0, 1.0, 1.0}), {1023.0, 7.0}, {1023.0, 7.0}, 0.0},
+      {Model::kLinear, params({0.0, 0.0, 1.0, 1.0}), {0.1, 1023.7}, {0.1, 1023.7}, 0.0},
       // Left to right, 1 - 2^53 + 2^53 + 1 is 2; with the centre and the shift
       // summed first, the tie 2^53 + 1 rounds to even and the result is 1.
-      {"linear sums left to right",
-       Model::kLinear,
-       params({9007199254740992.0, 0.0, 1.0, 1.0, 0.0, 0.0, 1.0, 0.0}),
-       {1.0, 0.0},
-       {2.0, 0.0},
-       0.0},
-      {"high order over linear", Model::kHighLinear, high, {13.0, 21.0}, {19.075, 23.0}, 1e-12},
-      {"high order over radial", Model::kHighRadial, radialHigh, {3.0, 4.0}, {5.0, 4.0}, 1e-12},
+      {Model::kLinear, params({0x1p53, 0.0, 1.0, 1.0, 0.0, 0.0, 1.0, 0.0}), {1, 0}, {2, 0}, 0.0},
+      {Model::kHighLinear, high, {13.0, 21.0}, {19.075, 23.0}, 1e-12},
+      {Model::kHighRadial, radialHigh, {3.0, 4.0}, {5.0, 4.0}, 1e-12},
   };
   for (const PointCase& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(&c - cases.data());
     const Points out = evaluate(c.model, c.p, {c.in});
     ASSERT_EQ(out.size(), 1u);
-    if (c.tolerance == 0.0) {
-      EXPECT_EQ(out[0].x, c.expected.x);
-      EXPECT_EQ(out[0].y, c.expected.y);
-    } else {
-      EXPECT_NEAR(out[0].x, c.expected.x, c.tolerance);
-      EXPECT_NEAR(out[0].y, c.expected.y, c.tolerance);
-    }
-  }
-}
-
-TEST(ModelEvaluatorTest, AppendInOrderAndKeepEarlierEntries) {
-  const Parameters radialIdentity = params({5.0, 5.0, 1.0});
-  const Parameters linearIdentity = params({5.0, 5.0, 1.0, 1.0});
-  const Points points = {{1.0, 2.0}, {3.0, 4.0}, {5.0, 6.0}};
-  for (Model model : {Model::kRadial, Model::kLinear, Model::kHighLinear, Model::kHighRadial}) {
-    SCOPED_TRACE(static_cast<int>(model));
-    const bool radial = model == Model::kRadial || model == Model::kHighRadial;
-    const Parameters& p = radial ? radialIdentity : linearIdentity;
-    EXPECT_TRUE(evaluate(model, p, {}, {}).empty());
-    const Points out = evaluate(model, p, points, {{-9.0, -8.0}});
-    ASSERT_EQ(out.size(), 4u);
-    EXPECT_EQ(out[0].x, -9.0);
-    EXPECT_EQ(out[0].y, -8.0);
-    for (int i = 0; i < 3; ++i) {
-      EXPECT_NEAR(out[i + 1].x, points[i].x, 1e-12);
-      EXPECT_NEAR(out[i + 1].y, points[i].y, 1e-12);
-    }
+    EXPECT_LE(std::fabs(out[0].x - c.expected.x), c.tolerance) << out[0].x;
+    EXPECT_LE(std::fabs(out[0].y - c.expected.y), c.tolerance) << out[0].y;
   }
 }
 
@@ -149,7 +103,6 @@ std::vector<double> ramp(int count) {
 }
 
 struct ErrorCase {
-  const char* name;
   std::vector<double> distances;
   double mean;  // NaN: expected NaN
   double deviation;
@@ -162,45 +115,34 @@ TEST(CalculateErrorTest, TruncatingTrimmedMeanAndDeviation) {
   std::reverse(descending.begin(), descending.end());
   const std::vector<ErrorCase> cases = {
       // Below 1.0 a distance adds nothing to the truncating sum.
-      {"ten of 0.4", std::vector<double>(10, 0.4), 0.0, std::sqrt(9 * 0.16 / 8)},
+      {std::vector<double>(10, 0.4), 0.0, std::sqrt(9 * 0.16 / 8)},
       // Each addition cuts the 0.9: nine of 1.9 add up to 9.
-      {"nine used of 1.9", mostly19, 1.0, std::sqrt(9 * 0.81 / 8)},
+      {mostly19, 1.0, std::sqrt(9 * 0.81 / 8)},
       // 2 to 9 used: sum 44 over 8; squares 2 x (12.25 + 6.25 + 2.25 + 0.25) over 7.
-      {"eleven", ramp(11), 5.5, std::sqrt(6.0)},
+      {ramp(11), 5.5, std::sqrt(6.0)},
       // 1 to 9 used, sorted first.
-      {"ten, descending", descending, 5.0, std::sqrt(60.0 / 8)},
+      {descending, 5.0, std::sqrt(60.0 / 8)},
       // 10 to 90 used: 81 terms, squares 2 x 22140 over 80.
-      {"hundred", ramp(100), 50.0, std::sqrt(553.5)},
+      {ramp(100), 50.0, std::sqrt(553.5)},
       // Only position 1 is used; the deviation divides by 0.
-      {"two, fractional", {2.5, 0.5}, 2.0, INFINITY},
-      {"two, whole", {3.0, 0.5}, 3.0, NAN},
+      {{2.5, 0.5}, 2.0, INFINITY},
+      {{3.0, 0.5}, 3.0, NAN},
+      // A single pair uses nothing: 0 / 0, and sqrt(0.0 / -1) is -0.0.
+      {{5.0}, NAN, -0.0},
   };
   for (const ErrorCase& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(&c - cases.data());
     Points first, second;
     listsAtDistances(c.distances, first, second);
     second.push_back({1e6, 1e6});  // a longer second list: only the common part counts
     double mean = -1.0, deviation = -1.0;
     calculateError(first, second, &mean, &deviation);
-    EXPECT_EQ(mean, c.mean);
-    if (std::isnan(c.deviation)) {
-      EXPECT_TRUE(std::isnan(deviation)) << deviation;
-    } else if (std::isinf(c.deviation)) {
-      EXPECT_EQ(deviation, c.deviation);
-    } else {
-      EXPECT_NEAR(deviation, c.deviation, 1e-12);
-    }
+    EXPECT_TRUE(mean == c.mean || (std::isnan(mean) && std::isnan(c.mean))) << mean;
+    EXPECT_TRUE(std::fabs(deviation - c.deviation) < 1e-12 || deviation == c.deviation ||
+                (std::isnan(deviation) && std::isnan(c.deviation)))
+        << deviation;
+    EXPECT_TRUE(std::isnan(c.deviation) || std::signbit(deviation) == std::signbit(c.deviation));
   }
-}
-
-TEST(CalculateErrorTest, SinglePairUsesNothing) {
-  Points first = {{0.0, 0.0}};
-  Points second = {{3.0, 4.0}};
-  double mean = 0.0, deviation = 0.0;
-  calculateError(first, second, &mean, &deviation);
-  EXPECT_TRUE(std::isnan(mean));  // 0 / 0
-  EXPECT_EQ(deviation, 0.0);
-  EXPECT_TRUE(std::signbit(deviation));  // sqrt(0.0 / -1)
 }
 
 }  // namespace

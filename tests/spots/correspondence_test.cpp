@@ -1,6 +1,6 @@
 // Point correspondence: candidates from the reference in raster order, the
 // 30-pixel border, pairs fitted at the same integer position in both images,
-// dropped pairs, duplicates of flat tops, and the nothing-bright case.
+// dropped pairs, and the nothing-bright case.
 
 #include <gtest/gtest.h>
 
@@ -95,25 +95,6 @@ TEST(FindCorrespondencePoint, PairsSpotsInRasterOrderOfTheReference) {
       EXPECT_NEAR(p.image[k].x, c.expected[k].col + c.dCol, tolerance) << k;
     }
   }
-}
-
-TEST(FindCorrespondencePoint, FlatTopGivesTheSpotTwiceAndListsAreAppended) {
-  ScopedGridThreshold threshold(0.995);
-  Plane reference = spotImage(160, 160, {{80.0, 80.0}});
-  reference.at(80, 81) = reference.at(80, 80);  // a flat top of two pixels
-  Plane image = reference;
-  Pairs p;
-  p.image.push_back({-1.0, -1.0});
-  p.reference.push_back({-2.0, -2.0});
-  testing::internal::CaptureStdout();
-  findCorrespondencePoint(image.table(), reference.table(), 160, 160, p.image, p.reference);
-  testing::internal::GetCapturedStdout();
-  ASSERT_EQ(p.reference.size(), 3u);
-  ASSERT_EQ(p.image.size(), 3u);
-  EXPECT_EQ(p.image[0].x, -1.0);
-  EXPECT_EQ(p.reference[0].x, -2.0);
-  EXPECT_EQ(p.reference[1].x, p.reference[2].x);
-  EXPECT_EQ(p.reference[1].y, p.reference[2].y);
 }
 
 // With nothing bright inside the border every pixel is a candidate.

@@ -58,29 +58,12 @@ void bard(int*, int*, double* x, double* f, void*) {
   }
 }
 
-void gaussian(int*, int*, double* x, double* f, void*) {
-  const double y[15] = {0.0009, 0.0044, 0.0175, 0.0540, 0.1295, 0.2420, 0.3521, 0.3989,
-                        0.3521, 0.2420, 0.1295, 0.0540, 0.0175, 0.0044, 0.0009};
-  for (int i = 1; i <= 15; ++i) {
-    const double t = (8.0 - i) / 2.0;
-    f[i - 1] = x[0] * std::exp(-x[1] * (t - x[2]) * (t - x[2]) / 2.0) - y[i - 1];
-  }
-}
-
 void meyer(int*, int*, double* x, double* f, void*) {
   const double y[16] = {34780, 28610, 23650, 19630, 16370, 13720, 11540, 9744,
                         8261,  7030,  6005,  5147,  4427,  3820,  3307,  2872};
   for (int i = 1; i <= 16; ++i) {
     const double t = 45.0 + 5.0 * i;
     f[i - 1] = x[0] * std::exp(x[1] / (t + x[2])) - y[i - 1];
-  }
-}
-
-void boxThreeDimensional(int* m, int*, double* x, double* f, void*) {
-  for (int i = 1; i <= *m; ++i) {
-    const double t = 0.1 * i;
-    f[i - 1] =
-        std::exp(-t * x[0]) - std::exp(-t * x[1]) - x[2] * (std::exp(-t) - std::exp(-10.0 * t));
   }
 }
 
@@ -100,24 +83,6 @@ void wood(int*, int*, double* x, double* f, void*) {
   f[5] = (x[1] - x[3]) / std::sqrt(10.0);
 }
 
-void kowalikOsborne(int*, int*, double* x, double* f, void*) {
-  const double y[11] = {0.1957, 0.1947, 0.1735, 0.1600, 0.0844, 0.0627,
-                        0.0456, 0.0342, 0.0323, 0.0235, 0.0246};
-  const double u[11] = {4.0, 2.0, 1.0, 0.5, 0.25, 0.167, 0.125, 0.1, 0.0833, 0.0714, 0.0625};
-  for (int i = 0; i < 11; ++i) {
-    f[i] = y[i] - x[0] * (u[i] * u[i] + u[i] * x[1]) / (u[i] * u[i] + u[i] * x[2] + x[3]);
-  }
-}
-
-void brownDennis(int* m, int*, double* x, double* f, void*) {
-  for (int i = 1; i <= *m; ++i) {
-    const double t = i / 5.0;
-    const double a = x[0] + t * x[1] - std::exp(t);
-    const double b = x[2] + x[3] * std::sin(t) - std::cos(t);
-    f[i - 1] = a * a + b * b;
-  }
-}
-
 void osborne1(int*, int*, double* x, double* f, void*) {
   const double y[33] = {0.844, 0.908, 0.932, 0.936, 0.925, 0.908, 0.881, 0.850, 0.818,
                         0.784, 0.751, 0.718, 0.685, 0.658, 0.628, 0.603, 0.580, 0.558,
@@ -127,52 +92,6 @@ void osborne1(int*, int*, double* x, double* f, void*) {
     const double t = 10.0 * i;
     f[i] = y[i] - (x[0] + x[1] * std::exp(-t * x[3]) + x[2] * std::exp(-t * x[4]));
   }
-}
-
-void biggsExp6(int* m, int*, double* x, double* f, void*) {
-  for (int i = 1; i <= *m; ++i) {
-    const double t = 0.1 * i;
-    const double y = std::exp(-t) - 5.0 * std::exp(-10.0 * t) + 3.0 * std::exp(-4.0 * t);
-    f[i - 1] =
-        x[2] * std::exp(-t * x[0]) - x[3] * std::exp(-t * x[1]) + x[5] * std::exp(-t * x[4]) - y;
-  }
-}
-
-void osborne2(int*, int*, double* x, double* f, void*) {
-  const double y[65] = {1.366, 1.191, 1.112, 1.013, 0.991, 0.885, 0.831, 0.847, 0.786, 0.725, 0.746,
-                        0.679, 0.608, 0.655, 0.616, 0.606, 0.602, 0.626, 0.651, 0.724, 0.649, 0.649,
-                        0.694, 0.644, 0.624, 0.661, 0.612, 0.558, 0.533, 0.495, 0.500, 0.423, 0.395,
-                        0.375, 0.372, 0.391, 0.396, 0.405, 0.428, 0.429, 0.523, 0.562, 0.607, 0.653,
-                        0.672, 0.708, 0.633, 0.668, 0.645, 0.632, 0.591, 0.559, 0.597, 0.625, 0.739,
-                        0.710, 0.729, 0.720, 0.636, 0.581, 0.428, 0.292, 0.162, 0.098, 0.054};
-  for (int i = 0; i < 65; ++i) {
-    const double t = i / 10.0;
-    const double g2 = (t - x[8]) * (t - x[8]), g3 = (t - x[9]) * (t - x[9]),
-                 g4 = (t - x[10]) * (t - x[10]);
-    f[i] = y[i] - (x[0] * std::exp(-t * x[4]) + x[1] * std::exp(-g2 * x[5]) +
-                   x[2] * std::exp(-g3 * x[6]) + x[3] * std::exp(-g4 * x[7]));
-  }
-}
-
-void watson(int* m, int* n, double* x, double* f, void*) {
-  for (int i = 1; i <= 29; ++i) {
-    const double t = i / 29.0;
-    double sum1 = 0.0, dx = 1.0;
-    for (int j = 2; j <= *n; ++j) {
-      sum1 += (j - 1) * dx * x[j - 1];
-      dx *= t;
-    }
-    double sum2 = 0.0;
-    dx = 1.0;
-    for (int j = 1; j <= *n; ++j) {
-      sum2 += dx * x[j - 1];
-      dx *= t;
-    }
-    f[i - 1] = sum1 - sum2 * sum2 - 1.0;
-  }
-  f[29] = x[0];
-  f[30] = x[1] - x[0] * x[0] - 1.0;
-  (void)m;
 }
 
 }  // namespace
@@ -187,22 +106,10 @@ const std::vector<TestProblem>& classicProblems() {
       {"JennrichSampson", jennrichSampson, 2, 10, {0.3, 0.4}, 124.362},
       {"HelicalValley", helicalValley, 3, 3, {-1.0, 0.0, 0.0}, 0.0},
       {"Bard", bard, 3, 15, {1.0, 1.0, 1.0}, 8.21487e-3},
-      {"Gaussian", gaussian, 3, 15, {0.4, 1.0, 0.0}, 1.12793e-8},
       {"Meyer", meyer, 3, 16, {0.02, 4000.0, 250.0}, 87.9458},
-      {"BoxThreeDimensional", boxThreeDimensional, 3, 10, {0.0, 10.0, 20.0}, 0.0},
       {"PowellSingular", powellSingular, 4, 4, {3.0, -1.0, 0.0, 1.0}, 0.0},
       {"Wood", wood, 4, 6, {-3.0, -1.0, -3.0, -1.0}, 0.0},
-      {"KowalikOsborne", kowalikOsborne, 4, 11, {0.25, 0.39, 0.415, 0.39}, 3.07505e-4},
-      {"BrownDennis", brownDennis, 4, 20, {25.0, 5.0, -5.0, -1.0}, 85822.2},
       {"Osborne1", osborne1, 5, 33, {0.5, 1.5, -1.0, 0.01, 0.02}, 5.46489e-5},
-      {"BiggsExp6", biggsExp6, 6, 13, {1.0, 2.0, 1.0, 1.0, 1.0, 1.0}, 5.65565e-3},
-      {"Osborne2",
-       osborne2,
-       11,
-       65,
-       {1.3, 0.65, 0.65, 0.7, 0.6, 3.0, 5.0, 7.0, 2.0, 4.5, 5.5},
-       4.01377e-2},
-      {"Watson", watson, 6, 31, {0.0, 0.0, 0.0, 0.0, 0.0, 0.0}, 2.28767e-3},
   };
   return table;
 }
