@@ -2,10 +2,13 @@
 // signal handling. Every failure here ends the process; nothing is returned.
 #include "app/settings.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
+#include <initializer_list>
 
 int calibration = 0;
 char* pathInputFileCalibrationQF = nullptr;
@@ -50,7 +53,9 @@ char* optionValue(int argc, char** argv, int index) {
 }
 
 // strtol with no end pointer, cut to 32 bits as the settings hold it.
-int parseInt(const char* text) { return static_cast<int>(strtol(text, nullptr, 10)); }
+int parseInt(const char* text) {
+  return static_cast<int>(strtol(text, nullptr, 10));
+}
 
 void parseCalibrationOptions(int argc, char** argv) {
   int i = 4;
@@ -114,30 +119,59 @@ void parseCorrectionOptions(int argc, char** argv) {
   }
 }
 
+// True when both paths exist and name one file: the same device and inode,
+// so that links and other spellings of a path are caught too.
+bool sameFile(const char* a, const char* b) {
+  struct stat sa, sb;
+  if (a == nullptr || b == nullptr || stat(a, &sa) != 0 || stat(b, &sb) != 0) return false;
+  return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+struct NamedPath {
+  const char* path;
+  const char* name;
+};
+
+// Refuses a run whose output or status file is one of its inputs, before
+// anything is written: the start of a run truncates them and would destroy
+// the input.
+void refuseOutputOverInput(std::initializer_list<NamedPath> outputs,
+                           std::initializer_list<NamedPath> inputs) {
+  for (const NamedPath& output : outputs) {
+    for (const NamedPath& input : inputs) {
+      if (!sameFile(output.path, input.path)) continue;
+      printf("%s Is The %s\n\n", output.name, input.name);
+      exit(1);
+    }
+  }
+}
+
 }  // namespace
 
 void printUsage(const char* programName) {
-  printf("usage (1): %s calibration \n"
-         "           pathQFInputFile \n"
-         "           pathAlignmentParameterOutputFile \n"
-         "           [ -doLinearModelFitting ]\n"
-         "           [ -doHighOrderModelFitting ]\n"
-         "           [ -referenceChannelIndex value ]\n"
-         "           [ -numIteration value ]\n"
-         "           [ -maxResidual value ]\n"
-         "           [ -gridThreshold value ]\n"
-         "           [ -statusFile pathStatusFile ]\n"
-         "           [ -help]\n",
-         programName);
+  printf(
+      "usage (1): %s calibration \n"
+      "           pathQFInputFile \n"
+      "           pathAlignmentParameterOutputFile \n"
+      "           [ -doLinearModelFitting ]\n"
+      "           [ -doHighOrderModelFitting ]\n"
+      "           [ -referenceChannelIndex value ]\n"
+      "           [ -numIteration value ]\n"
+      "           [ -maxResidual value ]\n"
+      "           [ -gridThreshold value ]\n"
+      "           [ -statusFile pathStatusFile ]\n"
+      "           [ -help]\n",
+      programName);
   printf("\n");
-  printf("usage (2): %s correction \n"
-         "           pathQFInputFile \n"
-         "           pathAlignmentParameterInputFile \n"
-         "           pathQFOutputFile \n"
-         "           [ -zShift value0:valueN ]\n"
-         "           [ -statusFile pathStatusFile ]\n"
-         "           [ -help]\n",
-         programName);
+  printf(
+      "usage (2): %s correction \n"
+      "           pathQFInputFile \n"
+      "           pathAlignmentParameterInputFile \n"
+      "           pathQFOutputFile \n"
+      "           [ -zShift value0:valueN ]\n"
+      "           [ -statusFile pathStatusFile ]\n"
+      "           [ -help]\n",
+      programName);
 }
 
 void validateArgument(int argc, char** argv) {
@@ -149,15 +183,20 @@ void validateArgument(int argc, char** argv) {
     calibration = 1;
     pathInputFileCalibrationQF = argv[2];
     pathOutputFileCalibrationTXT = argv[3];
-    if (argc == kCalibrationMinArgs) return;
-    parseCalibrationOptions(argc, argv);
+    if (argc > kCalibrationMinArgs) parseCalibrationOptions(argc, argv);
+    refuseOutputOverInput({{pathOutputFileCalibrationTXT, "Alignment Parameter Output File"},
+                           {pathStatusFile, "Status File"}},
+                          {{pathInputFileCalibrationQF, "QF Input File"}});
   } else if (strcmp(argv[1], "correction") == 0) {
     if (argc < kCorrectionMinArgs || argc > kCorrectionMaxArgs) usageAndExit(argv[0], 1);
     pathInputFileCorrectionQF = argv[2];
     pathInputFileCorrectionTXT = argv[3];
     pathOutputFileCorrectionQF = argv[4];
-    if (argc == kCorrectionMinArgs) return;
-    parseCorrectionOptions(argc, argv);
+    if (argc > kCorrectionMinArgs) parseCorrectionOptions(argc, argv);
+    refuseOutputOverInput(
+        {{pathOutputFileCorrectionQF, "QF Output File"}, {pathStatusFile, "Status File"}},
+        {{pathInputFileCorrectionQF, "QF Input File"},
+         {pathInputFileCorrectionTXT, "Alignment Parameter Input File"}});
   } else {
     usageAndExit(argv[0], 1);
   }
