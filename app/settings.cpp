@@ -53,9 +53,7 @@ char* optionValue(int argc, char** argv, int index) {
 }
 
 // strtol with no end pointer, cut to 32 bits as the settings hold it.
-int parseInt(const char* text) {
-  return static_cast<int>(strtol(text, nullptr, 10));
-}
+int parseInt(const char* text) { return static_cast<int>(strtol(text, nullptr, 10)); }
 
 void parseCalibrationOptions(int argc, char** argv) {
   int i = 4;
@@ -149,29 +147,27 @@ void refuseOutputOverInput(std::initializer_list<NamedPath> outputs,
 }  // namespace
 
 void printUsage(const char* programName) {
-  printf(
-      "usage (1): %s calibration \n"
-      "           pathQFInputFile \n"
-      "           pathAlignmentParameterOutputFile \n"
-      "           [ -doLinearModelFitting ]\n"
-      "           [ -doHighOrderModelFitting ]\n"
-      "           [ -referenceChannelIndex value ]\n"
-      "           [ -numIteration value ]\n"
-      "           [ -maxResidual value ]\n"
-      "           [ -gridThreshold value ]\n"
-      "           [ -statusFile pathStatusFile ]\n"
-      "           [ -help]\n",
-      programName);
+  printf("usage (1): %s calibration \n"
+         "           pathQFInputFile \n"
+         "           pathAlignmentParameterOutputFile \n"
+         "           [ -doLinearModelFitting ]\n"
+         "           [ -doHighOrderModelFitting ]\n"
+         "           [ -referenceChannelIndex value ]\n"
+         "           [ -numIteration value ]\n"
+         "           [ -maxResidual value ]\n"
+         "           [ -gridThreshold value ]\n"
+         "           [ -statusFile pathStatusFile ]\n"
+         "           [ -help]\n",
+         programName);
   printf("\n");
-  printf(
-      "usage (2): %s correction \n"
-      "           pathQFInputFile \n"
-      "           pathAlignmentParameterInputFile \n"
-      "           pathQFOutputFile \n"
-      "           [ -zShift value0:valueN ]\n"
-      "           [ -statusFile pathStatusFile ]\n"
-      "           [ -help]\n",
-      programName);
+  printf("usage (2): %s correction \n"
+         "           pathQFInputFile \n"
+         "           pathAlignmentParameterInputFile \n"
+         "           pathQFOutputFile \n"
+         "           [ -zShift value0:valueN ]\n"
+         "           [ -statusFile pathStatusFile ]\n"
+         "           [ -help]\n",
+         programName);
 }
 
 void validateArgument(int argc, char** argv) {
