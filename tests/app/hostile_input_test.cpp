@@ -63,32 +63,28 @@ double rampValue(int x, int y, int z, int w) {
 
 // A parameter file of identity rows for channels 0 to 2, each with its Z
 // offset, and the final row for channel 3 (the calibration stack's values).
+// Any white space separates values, so no fixed-width fields are needed.
 void writeParameters(const std::string& path, const std::vector<std::string>& zOffsets) {
+  auto zeros = [](int n) {
+    std::string text;
+    while (n-- > 0) text += " 0";
+    return text;
+  };
+  const std::string centre = std::to_string(kSide * 0.05);
   std::string text;
-  for (int c = 0; c <= static_cast<int>(zOffsets.size()); ++c) {
-    const bool last = c == static_cast<int>(zOffsets.size());
-    char row[27][32];
-    for (auto& cell : row) snprintf(cell, sizeof cell, "%14.8f", 0.0);
-    snprintf(row[0], sizeof row[0], "%14.8f", kWaves[last ? kChannels - 1 : c]);
-    if (last) {
-      snprintf(row[7], sizeof row[7], "%14.8f", double{kSide});
-      snprintf(row[8], sizeof row[8], "%14.8f", double{kSide});
-      for (int k = 9; k <= 11; ++k) snprintf(row[k], sizeof row[k], "%14.8f", 0.1);
-    } else {
-      snprintf(row[6], sizeof row[6], "%14s", zOffsets[c].c_str());
-      snprintf(row[7], sizeof row[7], "%14.8f", kSide * 0.05);
-      snprintf(row[8], sizeof row[8], "%14.8f", kSide * 0.05);
-      snprintf(row[9], sizeof row[9], "%14.8f", 1.0);
-    }
-    for (int k = 0; k < 27; ++k) text += std::string(k ? " " : "") + row[k];
-    if (!last) text += "\n";
+  for (size_t c = 0; c < zOffsets.size(); ++c) {
+    text += std::to_string(kWaves[c]) + zeros(5) + " " + zOffsets[c] + " " + centre + " " + centre +
+            " 1" + zeros(17) + "\n";
   }
+  const std::string side = std::to_string(kSide);
+  text += std::to_string(kWaves[kChannels - 1]) + zeros(6) + " " + side + " " + side +
+          " 0.1 0.1 0.1" + zeros(15);
   testutil::writeFile(path, text);
 }
 
 int32_t headerInt(const std::string& bytes, int offset) {
   int32_t v = 0;
-  if (bytes.size() >= static_cast<size_t>(offset) + 4) std::memcpy(&v, bytes.data() + offset, 4);
+  if (bytes.size() >= 1024) std::memcpy(&v, bytes.data() + offset, 4);
   return v;
 }
 

@@ -16,20 +16,12 @@ TEST(ValueConversionTest, TruncatesTowardsZeroAndSaturatesOutOfRange) {
     double value;
     int expected;
   } const cases[] = {
-      {2.9, 2},
-      {-2.9, -2},
-      {0.5, 0},
-      {-0.5, 0},
-      {530.75, 530},
-      {2147483647.9, INT_MAX},
-      {-2147483648.9, INT_MIN},
-      {2147483648.0, INT_MAX},
-      {-2147483904.0, INT_MIN},
-      {1e30, INT_MAX},
-      {-1e30, INT_MIN},
-      {inf, INT_MAX},
-      {-inf, INT_MIN},
-      {std::nan(""), 0},
+      // clang-format off
+      {2.9, 2}, {-2.9, -2}, {0.5, 0}, {-0.5, 0}, {530.75, 530},
+      {2147483647.9, INT_MAX}, {-2147483648.9, INT_MIN}, {2147483648.0, INT_MAX},
+      {-2147483904.0, INT_MIN}, {1e30, INT_MAX}, {-1e30, INT_MIN},
+      {inf, INT_MAX}, {-inf, INT_MIN}, {std::nan(""), 0},
+      // clang-format on
   };
   for (const Case& c : cases) EXPECT_EQ(truncateToInt(c.value), c.expected) << c.value;
 }
