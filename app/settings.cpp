@@ -2,10 +2,13 @@
 // signal handling. Every failure here ends the process; nothing is returned.
 #include "app/settings.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
+#include <initializer_list>
 
 int calibration = 0;
 char* pathInputFileCalibrationQF = nullptr;
@@ -114,6 +117,33 @@ void parseCorrectionOptions(int argc, char** argv) {
   }
 }
 
+// True when both paths exist and name one file: the same device and inode,
+// so that links and other spellings of a path are caught too.
+bool sameFile(const char* a, const char* b) {
+  struct stat sa, sb;
+  if (a == nullptr || b == nullptr || stat(a, &sa) != 0 || stat(b, &sb) != 0) return false;
+  return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+struct NamedPath {
+  const char* path;
+  const char* name;
+};
+
+// Refuses a run whose output or status file is one of its inputs, before
+// anything is written: the start of a run truncates them and would destroy
+// the input.
+void refuseOutputOverInput(std::initializer_list<NamedPath> outputs,
+                           std::initializer_list<NamedPath> inputs) {
+  for (const NamedPath& output : outputs) {
+    for (const NamedPath& input : inputs) {
+      if (!sameFile(output.path, input.path)) continue;
+      printf("%s Is The %s\n\n", output.name, input.name);
+      exit(1);
+    }
+  }
+}
+
 }  // namespace
 
 void printUsage(const char* programName) {
@@ -149,15 +179,20 @@ void validateArgument(int argc, char** argv) {
     calibration = 1;
     pathInputFileCalibrationQF = argv[2];
     pathOutputFileCalibrationTXT = argv[3];
-    if (argc == kCalibrationMinArgs) return;
-    parseCalibrationOptions(argc, argv);
+    if (argc > kCalibrationMinArgs) parseCalibrationOptions(argc, argv);
+    refuseOutputOverInput({{pathOutputFileCalibrationTXT, "Alignment Parameter Output File"},
+                           {pathStatusFile, "Status File"}},
+                          {{pathInputFileCalibrationQF, "QF Input File"}});
   } else if (strcmp(argv[1], "correction") == 0) {
     if (argc < kCorrectionMinArgs || argc > kCorrectionMaxArgs) usageAndExit(argv[0], 1);
     pathInputFileCorrectionQF = argv[2];
     pathInputFileCorrectionTXT = argv[3];
     pathOutputFileCorrectionQF = argv[4];
-    if (argc == kCorrectionMinArgs) return;
-    parseCorrectionOptions(argc, argv);
+    if (argc > kCorrectionMinArgs) parseCorrectionOptions(argc, argv);
+    refuseOutputOverInput(
+        {{pathOutputFileCorrectionQF, "QF Output File"}, {pathStatusFile, "Status File"}},
+        {{pathInputFileCorrectionQF, "QF Input File"},
+         {pathInputFileCorrectionTXT, "Alignment Parameter Input File"}});
   } else {
     usageAndExit(argv[0], 1);
   }

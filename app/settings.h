@@ -23,7 +23,9 @@ extern std::vector<double> zShiftPerChannel;
 extern char* pathStatusFile;
 
 // Fills the globals from the command line, or prints the usage or a check
-// message and ends the process. Returns only with an accepted command line.
+// message and ends the process. An output or status file that is one of the
+// run's input files (the same file, however named) is refused here, before
+// anything is written. Returns only with an accepted command line.
 void validateArgument(int argc, char** argv);
 
 // Prints both usage texts to standard output.

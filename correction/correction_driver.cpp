@@ -70,7 +70,7 @@ struct ZRange {
 };
 
 int wavelengthKey(double wavelength) {
-  return static_cast<int>(wavelength);
+  return truncateToInt(wavelength);
 }
 
 void openInput(char* pathInput) {
@@ -158,28 +158,38 @@ void readOriginModeAndLens(InputStack& s) {
 // every shift ignored without a message, for a single section or a shift
 // range that the stack can't absorb. Returns the number of output sections and
 // fills one entry per row, for all rows.
+//
+// Shifts stay in double: offsets and -zShift values may be anything, and a
+// range formed in 32 bits wraps and turns shifting on with a count that the
+// written sections don't match. Whole numbers are exact there, and a range
+// below the section count makes every difference formed here exact too. A
+// shift that is no finite number (a Z spacing of 0 or NaN, an infinite
+// offset) gives a range that no stack absorbs.
 int alignInZ(int numZ, const std::vector<std::vector<double>>& rows,
              const std::vector<int>& channelToRow, std::vector<ZRange>& zTable) {
-  std::vector<int> shifts;
-  for (const std::vector<double>& row : rows) shifts.push_back(static_cast<int>(row[kSlotZOffset]));
-  int minShift = channelToRow.empty() ? 0 : shifts[channelToRow[0]];
-  int maxShift = minShift;
+  std::vector<double> shifts;
+  for (const std::vector<double>& row : rows) shifts.push_back(std::trunc(row[kSlotZOffset]));
+  double minShift = channelToRow.empty() ? 0.0 : shifts[channelToRow[0]];
+  double maxShift = minShift;
+  bool unbounded = false;
   for (int r : channelToRow) {
+    unbounded = unbounded || !std::isfinite(shifts[r]);
     minShift = std::min(minShift, shifts[r]);
     maxShift = std::max(maxShift, shifts[r]);
   }
-  const int range = maxShift - minShift;
-  const bool shifting = numZ > 1 && numZ > range;
+  const double range = maxShift - minShift;
+  const bool shifting = numZ > 1 && !unbounded && range < numZ;
 
   for (size_t r = 0; r < rows.size(); ++r) {
     ZRange entry{wavelengthKey(rows[r][kSlotWavelength]), 0, numZ - 1};
     if (shifting) {
-      entry.first = shifts[r] - minShift;
-      entry.last = numZ - 1 - (maxShift - shifts[r]);
+      // Rows that serve no channel may land anywhere; they are never used.
+      entry.first = truncateToInt(shifts[r] - minShift);
+      entry.last = truncateToInt(numZ - 1 - (maxShift - shifts[r]));
     }
     zTable.push_back(entry);
   }
-  return shifting ? numZ - range : numZ;
+  return shifting ? numZ - static_cast<int>(range) : numZ;
 }
 
 void openOutput(char* pathOutput) {
@@ -269,7 +279,7 @@ void readSection(const SectionAddress& a, float* pixels) {
     stopCorrection(kReadFailed, "Correction: IMPosnZWT failed. \n", true);
   }
   // A failed read borrows the words of the positioning call: intended text.
-  if (IMRdSec(kInputStream, pixels) != 0) {
+  if (readSectionAsFloats(kInputStream, pixels) != 0) {
     stopCorrection(kReadFailed, "Correction: IMPosnZWT failed. \n", true);
   }
 }
@@ -422,7 +432,7 @@ void performCorrection(char* pathParameterFile, char* pathInput, char* pathOutpu
   std::vector<std::vector<double>> rows;
   readAlignmentParameter(pathParameterFile, rows);
   // The final row's copy of the flag applies to all rows.
-  const int linearFlag = static_cast<int>(rows.back()[kSlotLinearFlag]);
+  const int linearFlag = truncateToInt(rows.back()[kSlotLinearFlag]);
 
   InputStack stack;
   openInput(pathInput);

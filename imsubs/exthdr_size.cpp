@@ -2,6 +2,7 @@
 // header and open paths need. The per-section record and value calls and the
 // copies between streams live with the rest of the extended header.
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 
 #include "imsubs/internal.h"
@@ -11,6 +12,11 @@ namespace {
 constexpr int kFieldSectionMinBytes = 6;  // smaller room holds no field section
 constexpr int kDefaultFieldBlocks = 4;
 constexpr int kDefaultExtHdrType = 4;
+// How far a stored block may fall short of its claimed size and still be
+// allocated whole, so that the records it does hold stay readable. A claim
+// beyond that is a damaged or hostile header: it gets no block at all, and
+// memory stays bounded by what the file holds.
+constexpr int64_t kMaxExtHdrShortfall = int64_t{1} << 20;
 constexpr int kMaxExtHdrType = 4;
 
 struct ExtHdrShape {
@@ -39,6 +45,21 @@ bool allocateBlock(IMStreamRecord* record, int size) {
   return true;
 }
 
+// Bytes the file holds from the end of the fixed header on, or -1 when the
+// file can't tell. Leaves the position at the end, where a short read of the
+// block would have left it.
+int64_t bytesAfterHeader(IMStreamRecord* record) {
+  if (iStreamFileSeek(record, 0, SEEK_END) < 0) return -1;
+  double const end = dStreamFileTell(record);
+  if (end < 0.0) return -1;
+  return std::max<int64_t>(0, static_cast<int64_t>(end) - kHeaderBytes);
+}
+
+void reportShortExtHdr(IMStreamRecord const* record, int got, char const* attrib) {
+  std::fprintf(stderr, "IMOpen %d: error reading extended header (%d,%d,%s,\"%s\").\n",
+               record->iStream, got, record->iExtHdrSize, attrib, record->pName);
+}
+
 }  // namespace
 
 char* cGetFieldSectionPtr(int iStream) {
@@ -60,6 +81,16 @@ int iLoadExtHdr(IMStreamRecord* record, char const* attrib) {
   int const iStream = record->iStream;
   int const size = record->iExtHdrSize;
   assert(size >= 1);
+  if (record->iStreamType == kStreamTypeFile) {
+    // The read of a block the file can't hold would be short anyway: report
+    // it as such before allocating the claimed size, not after.
+    int64_t const present = bytesAfterHeader(record);
+    if (present >= 0 && size - present > kMaxExtHdrShortfall) {
+      iFreeExtHdr(record);
+      reportShortExtHdr(record, static_cast<int>(present), attrib);
+      return 210;
+    }
+  }
   if (!allocateBlock(record, size)) {
     std::fprintf(stderr, "IMOpen %d: extended header memory allocation error.\n", iStream);
     return 902;
@@ -72,8 +103,7 @@ int iLoadExtHdr(IMStreamRecord* record, char const* attrib) {
     }
     int const got = iStreamFileRead(record, record->pExtHdr, 1, size);
     if (got < size) {
-      std::fprintf(stderr, "IMOpen %d: error reading extended header (%d,%d,%s,\"%s\").\n", iStream,
-                   got, size, attrib, record->pName);
+      reportShortExtHdr(record, got, attrib);
       result = 210;  // kept while loading goes on
     }
   }

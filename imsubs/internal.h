@@ -235,6 +235,10 @@ int iStreamFileWrite(IMStreamRecord* record, int size, int count, void const* bu
 int iStreamFileSeek(IMStreamRecord* record, int64_t offset, int whence);
 // The file position, -1.0 on failure.
 double dStreamFileTell(IMStreamRecord* record);
+// Bytes from the file position to the end of the file, or -1 when the file
+// can't tell; the position is kept. Lets a caller refuse to allocate for a
+// transfer that the file can't satisfy.
+int64_t iStreamBytesLeft(IMStreamRecord* record);
 // End-of-file indication of a buffered stream, else 0.
 int iStreamFileEOF(IMStreamRecord* record);
 // True when transfers go through the record's stdio handle.

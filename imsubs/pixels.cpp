@@ -540,15 +540,22 @@ int IMRdSec(int iStream, void* buffer) {
   bool const magnitudes = type == kTypeFloatComplex && record->iConvert != 0;
   std::unique_ptr<float[]> pairs;
   void* destination = buffer;
+  int toRead = pixels;
   if (magnitudes) {
-    pairs.reset(new (std::nothrow) float[static_cast<std::size_t>(pixels) * 2 + 1]);
+    // A section the file can't hold is read as far as it goes and fails as
+    // the short read it is, with no buffer sized by the header's claim.
+    int64_t const left = iStreamBytesLeft(record);
+    if (left >= 0 && left < int64_t{pixels} * record->iBytesPerPixel) {
+      toRead = static_cast<int>(left / record->iBytesPerPixel) + 1;
+    }
+    pairs.reset(new (std::nothrow) float[static_cast<std::size_t>(toRead) * 2 + 1]);
     if (!pairs) {
       std::fprintf(stderr, "IMRdSec %d: unable to allocate memory.\n", iStream);
       return 902;
     }
     destination = pairs.get();
   }
-  int const got = iStreamFileRead(record, destination, record->iBytesPerPixel, pixels);
+  int const got = iStreamFileRead(record, destination, record->iBytesPerPixel, toRead);
   if (got < pixels) {
     reportShortRead("IMRdSec", record, got, true, errno);
     return 212;

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -505,6 +506,14 @@ double dStreamFileTell(IMStreamRecord* record) {
   }
   if (!usesDescriptor(record)) return -1.0;
   return static_cast<double>(lseek64(record->iFileDesc, 0, SEEK_CUR));
+}
+
+int64_t iStreamBytesLeft(IMStreamRecord* record) {
+  double const here = dStreamFileTell(record);
+  if (here < 0.0 || iStreamFileSeek(record, 0, SEEK_END) < 0) return -1;
+  double const end = dStreamFileTell(record);
+  if (iStreamFileSeek(record, static_cast<int64_t>(here), SEEK_SET) < 0 || end < 0.0) return -1;
+  return std::max<int64_t>(0, static_cast<int64_t>(end - here));
 }
 
 int iStreamFileEOF(IMStreamRecord* record) {

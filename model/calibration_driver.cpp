@@ -225,7 +225,7 @@ void performCalibrationPerFile(int stream, int referenceChannelIndex, int numIte
   }
 
   const float referenceWavelength = readWavelength(stream, referenceChannelIndex);
-  printf("Reference Channel %d\n", static_cast<int>(referenceWavelength));
+  printf("Reference Channel %d\n", truncateToInt(referenceWavelength));
   puts("Locating Channel Focus Of Z Section...");
   fflush(stdout);
   std::vector<float> section(static_cast<std::size_t>(s.numRows) * s.numCols);
@@ -243,7 +243,7 @@ void performCalibrationPerFile(int stream, int referenceChannelIndex, int numIte
     if (c == referenceChannelIndex) continue;  // no message, not counted
     double meanError = kNoMeasurement, errorDeviation = kNoMeasurement;
     const float wavelength = readWavelength(stream, c);
-    printf("Calibrating Channel %d Started\n", static_cast<int>(wavelength));
+    printf("Calibrating Channel %d Started\n", truncateToInt(wavelength));
     fflush(stdout);
     double parameters[kNumModelParameters];
     setStartParameters(parameters, centreX, centreY, linearFlag);
@@ -257,7 +257,7 @@ void performCalibrationPerFile(int stream, int referenceChannelIndex, int numIte
     performCalibrationPerChannel(channel.rows.data(), reference.rows.data(), s.numRows, s.numCols,
                                  numIteration, errThreshold, linearFlag, highOrderFlag, parameters,
                                  &meanError, &errorDeviation);
-    printf("Calibrating Channel %d Completed\n\n", static_cast<int>(wavelength));
+    printf("Calibrating Channel %d Completed\n\n", truncateToInt(wavelength));
     fflush(stdout);
 
     AlignmentParameterRow row = assembleChannelRow(

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <cstdio>
 #include <functional>
 #include <vector>
 
@@ -81,3 +82,12 @@ void iterateFitPasses(int numIteration, double errThreshold, const FitPass& fit,
 // starts at the first entry and replaces only on a strictly smaller value.
 // `meanErrors` must not be empty.
 int chooseBestPass(const std::vector<double>& meanErrors);
+
+// ---------------------------------------------------------------------------
+// Parameter file.
+
+// Scans rows of 27 values from `file` until the scan of the last number
+// reaches the end of the file, appending each row to `rows`. Returns false on
+// a short row, a non-numeric token or white space after the last value; the
+// file stays open either way.
+bool scanAlignmentRows(FILE* file, std::vector<std::vector<double>>& rows);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "model/internal.h"
 #include "model/model.h"
 
 // One row in one conversion string: 27 fields of "%14.8f" joined by a blank.
@@ -44,13 +45,7 @@ void printRow(FILE* file, const double* v) {
 
 }  // namespace
 
-void readAlignmentParameter(char* path, std::vector<std::vector<double>>& rows) {
-  FILE* file = fopen(path, "r");
-  if (file == nullptr)
-    stopRun("Can Not Open Alignment Parameter Input File\n", "Correction Stopped", nullptr, {});
-  puts("Alignment Parameter Input File Opened");
-  fflush(stdout);
-
+bool scanAlignmentRows(FILE* file, std::vector<std::vector<double>>& rows) {
   // The end of the file is recognised only because the scan of the last
   // number reads into it. White space after the last number leaves the
   // indicator clear, the next scan finds nothing, and the file is invalid: a
@@ -62,11 +57,22 @@ void readAlignmentParameter(char* path, std::vector<std::vector<double>>& rows) 
     // Single precision on purpose: each value is cut to a float's mantissa
     // before it is widened, and no double-precision reading replaces that.
     float values[kNumRowSlots];
-    if (scanRow(file, values) != kNumRowSlots || ferror(file)) failInvalidFile(file);
+    if (scanRow(file, values) != kNumRowSlots || ferror(file)) return false;
     for (float value : values) row.push_back(value);
     rows.push_back(row);
     row.clear();
   }
+  return true;
+}
+
+void readAlignmentParameter(char* path, std::vector<std::vector<double>>& rows) {
+  FILE* file = fopen(path, "r");
+  if (file == nullptr)
+    stopRun("Can Not Open Alignment Parameter Input File\n", "Correction Stopped", nullptr, {});
+  puts("Alignment Parameter Input File Opened");
+  fflush(stdout);
+
+  if (!scanAlignmentRows(file, rows)) failInvalidFile(file);
 
   if (fclose(file) != 0) {
     puts("Can Not Close Alignment Parameter Input File\n");

@@ -1,6 +1,7 @@
 // Carries the rows of an alignment parameter file from the calibration
 // stack's physical units into pixels of the stack being corrected.
 #include <cassert>
+#include <climits>
 
 #include "model/model.h"
 
@@ -21,14 +22,23 @@ double centreInStack(double centre, double calibrationSpacing, int calibrationCo
 
 }  // namespace
 
+int truncateToInt(double value) {
+  // A plain conversion of NaN or of a value out of range is undefined; such
+  // values reach here from hand-edited or damaged files.
+  if (value != value) return 0;
+  if (value <= static_cast<double>(INT_MIN)) return INT_MIN;
+  if (value >= static_cast<double>(INT_MAX)) return INT_MAX;
+  return static_cast<int>(value);
+}
+
 void convertAlignmentParameterToPixels(std::vector<std::vector<double>>& rows, int numRows,
                                        int numCols, float spacingX, float spacingY,
                                        float spacingZ) {
   assert(!rows.empty());
   const std::vector<double>& last = rows.back();
-  const int linearFlag = static_cast<int>(last[kSlotLinearFlag]);
-  const int calibrationCols = static_cast<int>(last[kSlotStackColumns]);
-  const int calibrationRows = static_cast<int>(last[kSlotStackRows]);
+  const int linearFlag = truncateToInt(last[kSlotLinearFlag]);
+  const int calibrationCols = truncateToInt(last[kSlotStackColumns]);
+  const int calibrationRows = truncateToInt(last[kSlotStackRows]);
   const double calibrationSpacingX = last[kSlotStackSpacingX];
   const double calibrationSpacingY = last[kSlotStackSpacingY];
 

@@ -234,7 +234,7 @@ int getFocusImageIndexPerChannel(int stream, int channel, int time, int numZ, in
     if (IMPosnZWT(stream, z, channel, time) != 0) {
       stopReading(stream, "getFocusImageIndexPerChannel:  IMPosnZWT failed.\n");
     }
-    if (IMRdSec(stream, buffer.data()) != 0) {
+    if (readSectionAsFloats(stream, buffer.data()) != 0) {
       stopReading(stream, "getFocusImageIndexPerChannel: IMRdSec failed.\n");
     }
     calculateSubRegionContrast(rows.data(), numRows, numCols, rowDivisions, columnDivisions,
@@ -261,7 +261,7 @@ void getFocusImagePerChannel(int stream, int channel, int /*time*/, int numZ, in
   if (IMPosnZWT(stream, index, channel, kFocusTimePoint) != 0) {
     stopReading(stream, "getFocusImagePerChannel: IMPosnZWT failed.\n");
   }
-  if (IMRdSec(stream, section) != 0) {
+  if (readSectionAsFloats(stream, section) != 0) {
     stopReading(stream, "getFocusImagePerChannel: IMRdSec failed.\n");
   }
 }
