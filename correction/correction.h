@@ -12,6 +12,14 @@
 void imageTransform(double** input, double* parameters, int numRows, int numCols, int linearFlag,
                     int highOrderFlag, double** output);
 
+// Resamples only the output rows firstRow up to endRow (excluded), exactly as
+// imageTransform does them. Rows are independent: blocks of one section may
+// run on several threads at once. imageTransform spreads its rows this way
+// over the threads the run allows (OMP_NUM_THREADS, all cores by default).
+void imageTransformRows(double** input, double* parameters, int numRows, int numCols,
+                        int linearFlag, int highOrderFlag, double** output, int firstRow,
+                        int endRow);
+
 // The Catmull-Rom cubic through `values` at positions -1, 0, 1, 2, evaluated at
 // `t` between 0 and 1. Not clamped: it can overshoot the samples.
 double cubicInterpolation(double* values, double t);
