@@ -1,0 +1,106 @@
+// The section transform on several threads and on its fast paths: the same
+// bits as the step-by-step reference for any thread count, and zero
+// high-order terms giving what the linear model alone gives.
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "correction/reference_transform.h"
+
+namespace {
+
+// Large enough to be spread over threads, in rows that the blocks do not
+// divide evenly; odd widths leave a last pixel outside the pairs and fours.
+constexpr int kRows = 131;
+constexpr int kCols = 151;
+
+struct Plane {
+  std::vector<double> pixels;
+  std::vector<double*> rows;
+  explicit Plane(double fill = 0.0) : pixels(kRows * kCols, fill) {
+    for (int y = 0; y < kRows; ++y) rows.push_back(pixels.data() + y * kCols);
+  }
+  bool operator==(const Plane& o) const {
+    return std::memcmp(pixels.data(), o.pixels.data(), pixels.size() * sizeof(double)) == 0;
+  }
+};
+
+Plane noise() {
+  Plane p;
+  uint32_t seed = 977;
+  for (double& v : p.pixels) {
+    seed = seed * 1664525u + 1013904223u;
+    v = static_cast<double>(seed >> 8) / 4096.0 - 1000.0;
+  }
+  return p;
+}
+
+std::vector<double> params(std::initializer_list<double> leading) {
+  std::vector<double> p(leading);
+  p.resize(kNumModelParameters, 0.0);
+  return p;
+}
+
+TEST(ImageTransformThreadsTest, EveryThreadCountGivesTheReferenceBits) {
+  struct Case {
+    const char* name;
+    std::vector<double> p;
+    int linearFlag;
+    int highOrderFlag;
+  };
+  std::vector<double> high = params({75.0, 65.0, 1.004, 0.997, 0.003, -0.002, 1.3, -0.7});
+  const double terms[12] = {0.2,  1e-3, 2e-5,  -1e-3, 3e-5, -1e-5,
+                            -0.1, 2e-3, -1e-5, 1e-3,  2e-5, 1e-5};
+  std::copy(terms, terms + 12, high.begin() + kFirstHighOrderParameter);
+  const Case cases[] = {
+      {"radial, turned and shifted", params({75.0, 65.0, 1.003, 0.004, 1.37, -0.82}), 0, 1},
+      {"radial, scaled past the edges", params({75.5, 65.0, 1.2, -0.1, 9.0, 4.0}), 0, 0},
+      {"linear, fractional on both axes",
+       params({75.0, 65.0, 1.002, 0.998, 0.0015, -0.002, 2.7, -1.6}), 1, 0},
+      {"linear, whole shift on X only", params({75.0, 65.0, 1.0, 0.997, 0.0, 0.0, 3.0, 0.4}), 1, 1},
+      {"linear with high-order terms", high, 1, 1},
+      {"NaN model", params({75.0, 65.0, NAN, 1.0}), 1, 0},
+  };
+  Plane input = noise();
+  const int defaultThreads = omp_get_max_threads();
+  for (const Case& c : cases) {
+    std::vector<double> p = c.p;
+    Plane expected(-1.0);
+    reference::imageTransform(input.rows.data(), p.data(), kRows, kCols, c.linearFlag,
+                              c.highOrderFlag, expected.rows.data());
+    for (int threads : {1, 2, 3, 8}) {
+      omp_set_num_threads(threads);
+      Plane output(-2.0);
+      imageTransform(input.rows.data(), p.data(), kRows, kCols, c.linearFlag, c.highOrderFlag,
+                     output.rows.data());
+      EXPECT_TRUE(output == expected) << c.name << ", " << threads << " threads";
+    }
+  }
+  omp_set_num_threads(defaultThreads);
+}
+
+// The high-order terms are skipped when all are zero: the pixels must be the
+// ones that adding the zeros gives, for positions inside, on the edges
+// (a -0.0 turned into +0.0) and far outside.
+TEST(ImageTransformThreadsTest, ZeroHighOrderTermsGiveIdenticalBytes) {
+  const std::vector<double> models[] = {
+      params({75.0, 65.0, 1.002, 0.998, 0.0015, -0.002, 2.7, -1.6}),
+      params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, -0.0, -0.0}),
+      params({75.0, 65.0, 1e300, -1e300, 0.0, 0.0, 0.5, 0.5}),
+  };
+  Plane input = noise();
+  for (std::vector<double> p : models) {
+    Plane withTerms, expected, linearOnly;
+    reference::imageTransform(input.rows.data(), p.data(), kRows, kCols, 1, 1,
+                              expected.rows.data());
+    imageTransform(input.rows.data(), p.data(), kRows, kCols, 1, 1, withTerms.rows.data());
+    imageTransform(input.rows.data(), p.data(), kRows, kCols, 1, 0, linearOnly.rows.data());
+    EXPECT_TRUE(withTerms == expected) << "scale " << p[2];
+    EXPECT_TRUE(linearOnly == expected) << "scale " << p[2];
+  }
+}
+
+}  // namespace
