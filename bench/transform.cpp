@@ -108,11 +108,9 @@ void BM_FloatSectionTransform(benchmark::State& state) {
   Plane output;
   std::vector<double> p = parametersFor(linearFlag, 0);
   for (auto _ : state) {
-    for (std::size_t i = 0; i < section.size(); ++i) input.pixels[i] = section[i];
+    widenSection(section.data(), input.pixels.data(), section.size());
     imageTransform(input.rows.data(), p.data(), kSide, kSide, linearFlag, 1, output.rows.data());
-    for (std::size_t i = 0; i < section.size(); ++i) {
-      result[i] = static_cast<float>(output.pixels[i]);
-    }
+    narrowSection(output.pixels.data(), result.data(), result.size());
     benchmark::DoNotOptimize(result.data());
     benchmark::ClobberMemory();
   }

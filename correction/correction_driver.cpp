@@ -311,7 +311,7 @@ void fillSlot(SectionSlot& slot, const SectionAddress& address, bool inputHasVal
   slot.readFailure = inputHasValues ? readCarriedValues(address, slot.carried) : nullptr;
   if (slot.readFailure == nullptr) slot.readFailure = readSection(address, slot.pixels.data());
   if (slot.readFailure != nullptr || !widen) return;
-  std::copy(slot.pixels.begin(), slot.pixels.end(), slot.input.begin());
+  widenSection(slot.pixels.data(), slot.input.data(), slot.pixels.size());
 }
 
 // Resamples output rows firstRow up to endRow of a slot and narrows them to
@@ -323,7 +323,8 @@ void resampleRows(SectionSlot& slot, double* parameters, int numRows, int numCol
                      slot.outputRows.data(), firstRow, endRow);
   const size_t first = static_cast<size_t>(firstRow) * numCols;
   const size_t end = static_cast<size_t>(std::min(endRow, numRows)) * numCols;
-  for (size_t i = first; i < end; ++i) slot.pixels[i] = static_cast<float>(slot.output[i]);
+  if (first < end)
+    narrowSection(slot.output.data() + first, slot.pixels.data() + first, end - first);
 }
 
 void writeSection(const SectionAddress& a, const float* pixels, double minimum, double maximum,

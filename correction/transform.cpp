@@ -13,6 +13,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <vector>
 
 #include "correction/correction.h"
@@ -315,6 +316,24 @@ double bicubicInterpolation(double (*values)[4], double tx, double ty) {
   double across[4];
   for (int k = 0; k < 4; ++k) across[k] = cubicInterpolation(values[k], tx);
   return cubicInterpolation(across, ty);
+}
+
+void widenSection(const float* from, double* to, std::size_t count) {
+  std::size_t i = 0;
+  for (; i + 2 <= count; i += 2) {
+    const __m128i two = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(from + i));
+    _mm_storeu_pd(to + i, _mm_cvtps_pd(_mm_castsi128_ps(two)));
+  }
+  for (; i < count; ++i) to[i] = from[i];
+}
+
+void narrowSection(const double* from, float* to, std::size_t count) {
+  std::size_t i = 0;
+  for (; i + 2 <= count; i += 2) {
+    const __m128 two = _mm_cvtpd_ps(_mm_loadu_pd(from + i));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(to + i), _mm_castps_si128(two));
+  }
+  for (; i < count; ++i) to[i] = static_cast<float>(from[i]);
 }
 
 void imageTransformRows(double** input, double* parameters, int numRows, int numCols,

@@ -103,4 +103,19 @@ TEST(ImageTransformThreadsTest, ZeroHighOrderTermsGiveIdenticalBytes) {
   }
 }
 
+// The section conversions against the casts, on an odd count and on values
+// that round, overflow, vanish or are not numbers.
+TEST(ImageTransformThreadsTest, SectionConversionsAreTheCasts) {
+  const double doubles[] = {0.1, -0.0, 1e300, -1e-300, 3.4028235677973366e38, NAN, 1.0 / 3.0};
+  const int count = sizeof(doubles) / sizeof(doubles[0]);
+  float narrowed[count], cast[count];
+  narrowSection(doubles, narrowed, count);
+  for (int i = 0; i < count; ++i) cast[i] = static_cast<float>(doubles[i]);
+  EXPECT_EQ(std::memcmp(narrowed, cast, sizeof(cast)), 0);
+  double widened[count], exact[count];
+  widenSection(cast, widened, count);
+  for (int i = 0; i < count; ++i) exact[i] = cast[i];
+  EXPECT_EQ(std::memcmp(widened, exact, sizeof(exact)), 0);
+}
+
 }  // namespace
