@@ -2,7 +2,8 @@
 // corrected stack. Reads the rows and fits them to the stack at hand, lines
 // the channels up in Z by whole sections, then resamples every section of
 // every channel through its row's model (the reference channel is copied) and
-// writes it with fresh statistics. One section in memory at a time.
+// writes it with fresh statistics. Three sections are in memory at most, one
+// read ahead and one written behind the one being resampled on all threads.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>

@@ -1,8 +1,9 @@
 // Focus section search: every Z section of a channel is cut into a grid of
 // sub-regions, each region's contrast is measured from the spread between its
 // darkest and brightest twentieth, each region votes for its sharpest
-// section, and a trimmed mean of the votes is the answer. One section of
-// floats is held at a time; the stack is never loaded whole.
+// section, and a trimmed mean of the votes is the answer. Two sections of
+// floats are held, one measured on all threads while the next is read; the
+// stack is never loaded whole.
 
 #include <omp.h>
 
