@@ -1,6 +1,6 @@
 // The section transform on several threads and on its fast paths: the same
-// bits as the step-by-step reference for any thread count, and zero
-// high-order terms giving what the linear model alone gives.
+// bits as the step-by-step reference for any thread count, zero high-order
+// terms included, and the section conversions equal to the casts.
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -63,6 +63,13 @@ TEST(ImageTransformThreadsTest, EveryThreadCountGivesTheReferenceBits) {
       {"linear, whole shift on X only", params({75.0, 65.0, 1.0, 0.997, 0.0, 0.0, 3.0, 0.4}), 1, 1},
       {"linear with high-order terms", high, 1, 1},
       {"NaN model", params({75.0, 65.0, NAN, 1.0}), 1, 0},
+      // All-zero high-order terms are skipped: the pixels must still be those
+      // that adding the zeros gives, inside, on the edges (-0.0 made +0.0)
+      // and far outside.
+      {"zero high-order terms", params({75.0, 65.0, 1.002, 0.998, 0.0015, -0.002, 2.7, -1.6}), 1,
+       1},
+      {"zero terms, negative zeros", params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, -0.0, -0.0}), 1, 1},
+      {"zero terms, far outside", params({75.0, 65.0, 1e300, -1e300, 0.0, 0.0, 0.5, 0.5}), 1, 1},
   };
   Plane input = noise();
   const int defaultThreads = omp_get_max_threads();
@@ -80,27 +87,6 @@ TEST(ImageTransformThreadsTest, EveryThreadCountGivesTheReferenceBits) {
     }
   }
   omp_set_num_threads(defaultThreads);
-}
-
-// The high-order terms are skipped when all are zero: the pixels must be the
-// ones that adding the zeros gives, for positions inside, on the edges
-// (a -0.0 turned into +0.0) and far outside.
-TEST(ImageTransformThreadsTest, ZeroHighOrderTermsGiveIdenticalBytes) {
-  const std::vector<double> models[] = {
-      params({75.0, 65.0, 1.002, 0.998, 0.0015, -0.002, 2.7, -1.6}),
-      params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, -0.0, -0.0}),
-      params({75.0, 65.0, 1e300, -1e300, 0.0, 0.0, 0.5, 0.5}),
-  };
-  Plane input = noise();
-  for (std::vector<double> p : models) {
-    Plane withTerms, expected, linearOnly;
-    reference::imageTransform(input.rows.data(), p.data(), kRows, kCols, 1, 1,
-                              expected.rows.data());
-    imageTransform(input.rows.data(), p.data(), kRows, kCols, 1, 1, withTerms.rows.data());
-    imageTransform(input.rows.data(), p.data(), kRows, kCols, 1, 0, linearOnly.rows.data());
-    EXPECT_TRUE(withTerms == expected) << "scale " << p[2];
-    EXPECT_TRUE(linearOnly == expected) << "scale " << p[2];
-  }
 }
 
 // The section conversions against the casts, on an odd count and on values
