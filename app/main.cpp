@@ -1,7 +1,5 @@
 // The program's entry: parse the command line, install the signal handler,
 // run one mode inside the exception handling, report start and end.
-#include <unistd.h>
-
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -34,22 +32,9 @@ void runCorrectionSequence() {
   announce("Correction Completed\n", "Correction Completed", 100.0);
 }
 
-// Threads without work sleep at once instead of spinning: between the
-// parallel stretches of a run a spinning thread takes a core from the thread
-// still working, and on a shared machine from everyone else. The OpenMP
-// runtime reads its settings before main, so the program starts itself once
-// more with the setting in its environment; a caller's own setting stands,
-// and where the restart is impossible the run goes on as it is.
-void sleepWhileWaiting(char** argv) {
-  if (getenv("OMP_WAIT_POLICY") != nullptr || getenv("GOMP_SPINCOUNT") != nullptr) return;
-  if (setenv("OMP_WAIT_POLICY", "passive", 0) != 0) return;
-  execv("/proc/self/exe", argv);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  sleepWhileWaiting(argv);
   validateArgument(argc, argv);
 
   signal(SIGINT, signalHandler);
