@@ -218,14 +218,19 @@ void BM_Pairing(benchmark::State& state) {
 }
 BENCHMARK(BM_Pairing)->Unit(benchmark::kMillisecond);
 
-// The warp between two passes: every pixel through the model.
+// The warp between two passes: every pixel through the model. The models are
+// like the fitted ones, with a scale, a turn or shear and a shift on both
+// axes, so that positions are fractional in X and in Y, as in a real warp.
 void BM_WarpBetweenPasses(benchmark::State& state) {
   const int linearFlag = static_cast<int>(state.range(0));
   FocusPlanes& planes = preparedPlanes();
   Plane output(1024, 1024);
   std::vector<double> p = startParameters(linearFlag);
-  p[2] = 1.003;
-  p[4] = linearFlag != 0 ? 0.001 : 2.7;
+  if (linearFlag != 0) {
+    p[2] = 1.003, p[3] = 0.998, p[4] = 0.0015, p[5] = -0.002, p[6] = 2.7, p[7] = -1.6;
+  } else {
+    p[2] = 1.003, p[3] = 0.002, p[4] = 2.7, p[5] = -1.6;
+  }
   for (auto _ : state) {
     imageTransform(planes.channel.rows.data(), p.data(), 1024, 1024, linearFlag, 0,
                    output.rows.data());

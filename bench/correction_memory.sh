@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Correction memory: the peak resident memory of `corvane correction` must not
-# grow with the number of sections, since the correction holds one section at
-# a time.
+# grow with the number of sections, since the correction holds a fixed number
+# of sections (one read ahead, one resampled, one written behind).
 #
 #   bench/correction_memory.sh [BUILD_DIR]     (default: build/ of the repo)
 #

@@ -2,9 +2,17 @@
 // radial, the linear, and the linear plus high-order model, in megapixels per
 // second. The models are calibration-like: small turns, scales and shifts, so
 // that nearly every pixel takes the two-dimensional interpolation path.
+//
+// BM_FloatSectionTransform is the work of the correction per section on one
+// float section: widen, resample, narrow. With CORVANE_BENCH_SECTION naming a
+// file of 1024 x 1024 raw native floats it resamples that section, so that a
+// script can time another program on the very same pixels
+// (bench/transform_vs_opencv.sh).
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 #include "correction/correction.h"
@@ -68,7 +76,53 @@ void BM_ImageTransform(benchmark::State& state) {
                                                   benchmark::Counter::kIsIterationInvariantRate);
 }
 
+// The section of CORVANE_BENCH_SECTION, or pseudo-random pixels without it.
+std::vector<float> floatSection() {
+  std::vector<float> section(kSide * kSide);
+  const char* path = std::getenv("CORVANE_BENCH_SECTION");
+  if (path != nullptr) {
+    FILE* file = std::fopen(path, "rb");
+    const bool complete = file != nullptr && std::fread(section.data(), sizeof(float),
+                                                        section.size(), file) == section.size();
+    if (file != nullptr) std::fclose(file);
+    if (!complete) {
+      std::fprintf(stderr, "bench_transform: cannot read %zu floats from %s\n", section.size(),
+                   path);
+      std::exit(2);
+    }
+    return section;
+  }
+  uint32_t seed = 54321;
+  for (float& v : section) {
+    seed = seed * 1664525u + 1013904223u;
+    v = static_cast<float>(seed >> 16);
+  }
+  return section;
+}
+
+void BM_FloatSectionTransform(benchmark::State& state) {
+  const int linearFlag = static_cast<int>(state.range(0));
+  const std::vector<float> section = floatSection();
+  std::vector<float> result(section.size());
+  Plane input;
+  Plane output;
+  std::vector<double> p = parametersFor(linearFlag, 0);
+  for (auto _ : state) {
+    widenSection(section.data(), input.pixels.data(), section.size());
+    imageTransform(input.rows.data(), p.data(), kSide, kSide, linearFlag, 1, output.rows.data());
+    narrowSection(output.pixels.data(), result.data(), result.size());
+    benchmark::DoNotOptimize(result.data());
+    benchmark::ClobberMemory();
+  }
+}
+
 }  // namespace
+
+BENCHMARK(BM_FloatSectionTransform)
+    ->ArgName("linear")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond);
 
 BENCHMARK(BM_ImageTransform)
     ->ArgNames({"linear", "highOrder"})

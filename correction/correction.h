@@ -2,6 +2,8 @@
 // the correction driver that writes the corrected stack.
 #pragma once
 
+#include <cstddef>
+
 // Resamples the section `input` (numRows x numCols, row pointers) through the
 // model `parameters` into `output`, a separate section of the same size: each
 // output pixel is read from its mapped position in the input by cubic
@@ -11,6 +13,20 @@
 // of `output` and nothing else.
 void imageTransform(double** input, double* parameters, int numRows, int numCols, int linearFlag,
                     int highOrderFlag, double** output);
+
+// Resamples only the output rows firstRow up to endRow (excluded), exactly as
+// imageTransform does them. Rows are independent: blocks of one section may
+// run on several threads at once. imageTransform spreads its rows this way
+// over the threads the run allows (OMP_NUM_THREADS, all cores by default).
+void imageTransformRows(double** input, double* parameters, int numRows, int numCols,
+                        int linearFlag, int highOrderFlag, double** output, int firstRow,
+                        int endRow);
+
+// Widens `count` floats to doubles, and narrows doubles to the nearest floats:
+// the plain conversions of a cast (no clamping, no rounding to an integer),
+// two pixels an instruction.
+void widenSection(const float* from, double* to, std::size_t count);
+void narrowSection(const double* from, float* to, std::size_t count);
 
 // The Catmull-Rom cubic through `values` at positions -1, 0, 1, 2, evaluated at
 // `t` between 0 and 1. Not clamped: it can overshoot the samples.

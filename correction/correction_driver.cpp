@@ -2,12 +2,14 @@
 // corrected stack. Reads the rows and fits them to the stack at hand, lines
 // the channels up in Z by whole sections, then resamples every section of
 // every channel through its row's model (the reference channel is copied) and
-// writes it with fresh statistics. One section in memory at a time.
+// writes it with fresh statistics. Three sections are in memory at most, one
+// read ahead and one written behind the one being resampled on all threads.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <limits>
 #include <vector>
 
@@ -223,16 +225,30 @@ void prepareOutputHeader(const InputStack& s, int outputSections) {
   }
 }
 
-// The section buffers, allocated once for the run: the library's float block
-// and the transform's two planes of doubles with their row pointers.
-struct SectionBuffers {
+// Where one section comes from and goes to.
+struct SectionAddress {
+  int z;  // input section
+  int channel;
+  int time;
+  int outputZ;
+};
+
+// One section on its way through the loop: where it comes from and goes to,
+// its carried-over values, the library's float block and the transform's two
+// planes of doubles with their row pointers.
+struct SectionSlot {
+  SectionAddress address{};
+  double carried[kNumCarriedValues] = {};
+  // The technical line of a failed read, raised when the loop reaches the
+  // section in its own order; null after a good read.
+  const char* readFailure = nullptr;
   std::vector<float> pixels;
   std::vector<double> input;
   std::vector<double> output;
   std::vector<double*> inputRows;
   std::vector<double*> outputRows;
 
-  SectionBuffers(int numRows, int numCols)
+  SectionSlot(int numRows, int numCols)
       : pixels(static_cast<size_t>(numRows) * numCols),
         input(pixels.size()),
         output(pixels.size()),
@@ -243,67 +259,83 @@ struct SectionBuffers {
       outputRows[y] = output.data() + static_cast<size_t>(y) * numCols;
     }
   }
+  // The row tables point into the slot's own planes: no copies.
+  SectionSlot(const SectionSlot&) = delete;
+  SectionSlot& operator=(const SectionSlot&) = delete;
 };
+
+// Three sections are in flight at most: one read ahead, one resampled, one
+// written behind. Memory stays at three sections whatever the stack.
+constexpr int kSlotsInFlight = 3;
+// Output rows handed to a thread at a time.
+constexpr int kRowsPerBlock = 8;
 
 struct SectionStatistics {
   double minimum = kMinimumStart;
   double maximum = kMaximumStart;
   double sum = 0.0;
+};
 
-  void add(double value) {
+// Minimum, maximum and sum of `count` values in buffer order. Local running
+// values stay in registers; the sum's order is the buffer's, so that the mean
+// is the same to the last bit whoever resampled the rows.
+template <typename T>
+SectionStatistics measureValues(const T* values, size_t count) {
+  double minimum = kMinimumStart;
+  double maximum = kMaximumStart;
+  double sum = 0.0;
+  for (size_t i = 0; i < count; ++i) {
+    const double value = values[i];
     if (value < minimum) minimum = value;
     if (value > maximum) maximum = value;
     sum += value;
   }
-};
+  return SectionStatistics{minimum, maximum, sum};
+}
 
-// Where one section comes from and goes to.
-struct SectionAddress {
-  int z;  // input section
-  int channel;
-  int time;
-  int outputZ;
-};
-
-void readCarriedValues(const SectionAddress& a, double* carried) {
+// Reads the carried-over values and the pixels of a section. Returns the
+// technical line of the first failing call, or null.
+const char* readCarriedValues(const SectionAddress& a, double* carried) {
   for (int k = 0; k < kNumCarriedValues; ++k) {
     if (IMRtExHdrValueZWT(kInputStream, a.z, a.channel, a.time, kCarriedValues[k], &carried[k]) !=
         0) {
-      stopCorrection(kReadFailed, "Correction: IMRtExHdrValueZWT failed. \n", true);
+      return "Correction: IMRtExHdrValueZWT failed. \n";
     }
   }
+  return nullptr;
 }
 
-void readSection(const SectionAddress& a, float* pixels) {
+const char* readSection(const SectionAddress& a, float* pixels) {
   if (IMPosnZWT(kInputStream, a.z, a.channel, a.time) != 0) {
-    stopCorrection(kReadFailed, "Correction: IMPosnZWT failed. \n", true);
+    return "Correction: IMPosnZWT failed. \n";
   }
   // A failed read borrows the words of the positioning call: intended text.
-  if (readSectionAsFloats(kInputStream, pixels) != 0) {
-    stopCorrection(kReadFailed, "Correction: IMPosnZWT failed. \n", true);
-  }
+  if (readSectionAsFloats(kInputStream, pixels) != 0) return "Correction: IMPosnZWT failed. \n";
+  return nullptr;
 }
 
-// Resamples the float block through the model in place and returns the
-// statistics of the resampled doubles. The narrowing to float is a plain
-// conversion: no clamping, no rounding to the input's pixel type.
-SectionStatistics resampleSection(SectionBuffers& b, double* parameters, int numRows, int numCols,
-                                  int linearFlag) {
-  for (size_t i = 0; i < b.pixels.size(); ++i) b.input[i] = b.pixels[i];
-  imageTransform(b.inputRows.data(), parameters, numRows, numCols, linearFlag, 1,
-                 b.outputRows.data());
-  SectionStatistics stats;
-  for (size_t i = 0; i < b.pixels.size(); ++i) {
-    b.pixels[i] = static_cast<float>(b.output[i]);
-    stats.add(b.output[i]);
-  }
-  return stats;
+// Fills a slot for `address`; the doubles are widened only for a section
+// that will be resampled. A failure is kept in the slot, not raised.
+void fillSlot(SectionSlot& slot, const SectionAddress& address, bool inputHasValues, bool widen) {
+  slot.address = address;
+  std::fill(slot.carried, slot.carried + kNumCarriedValues, 0.0);
+  slot.readFailure = inputHasValues ? readCarriedValues(address, slot.carried) : nullptr;
+  if (slot.readFailure == nullptr) slot.readFailure = readSection(address, slot.pixels.data());
+  if (slot.readFailure != nullptr || !widen) return;
+  widenSection(slot.pixels.data(), slot.input.data(), slot.pixels.size());
 }
 
-SectionStatistics measureSection(const std::vector<float>& pixels) {
-  SectionStatistics stats;
-  for (float value : pixels) stats.add(value);
-  return stats;
+// Resamples output rows firstRow up to endRow of a slot and narrows them to
+// floats: a plain conversion, no clamping, no rounding to the input's pixel
+// type.
+void resampleRows(SectionSlot& slot, double* parameters, int numRows, int numCols, int linearFlag,
+                  int firstRow, int endRow) {
+  imageTransformRows(slot.inputRows.data(), parameters, numRows, numCols, linearFlag, 1,
+                     slot.outputRows.data(), firstRow, endRow);
+  const size_t first = static_cast<size_t>(firstRow) * numCols;
+  const size_t end = static_cast<size_t>(std::min(endRow, numRows)) * numCols;
+  if (first < end)
+    narrowSection(slot.output.data() + first, slot.pixels.data() + first, end - first);
 }
 
 void writeSection(const SectionAddress& a, const float* pixels, double minimum, double maximum,
@@ -355,8 +387,84 @@ struct CorrectionRun {
   const std::vector<ZRange>& zTable;
   int outputSections;
   int linearFlag;
-  SectionBuffers& buffers;
+  std::deque<SectionSlot>& slots;
 };
+
+// The running statistics of a channel over its sections.
+struct ChannelStatistics {
+  double lowest = kMinimumStart;
+  double highest = kMaximumStart;
+  double sumOfMeans = 0.0;
+};
+
+// Measures a section whose pixels are final, folds it into the channel's
+// statistics and writes it with its extended header values.
+void finishSection(const SectionSlot& slot, bool resampled, double pixelsPerSection,
+                   ChannelStatistics& channel) {
+  const SectionStatistics stats = resampled ? measureValues(slot.output.data(), slot.output.size())
+                                            : measureValues(slot.pixels.data(), slot.pixels.size());
+  const double mean = stats.sum / pixelsPerSection;
+  if (stats.minimum < channel.lowest) channel.lowest = stats.minimum;
+  if (stats.maximum > channel.highest) channel.highest = stats.maximum;
+  channel.sumOfMeans += mean;
+  writeSection(slot.address, slot.pixels.data(), stats.minimum, stats.maximum, mean, slot.carried);
+}
+
+// The input sections of a channel in the order they are written: time, then
+// Z within the row's range.
+std::vector<SectionAddress> channelSections(const InputStack& s, const ZRange& range, int channel) {
+  std::vector<SectionAddress> sections;
+  for (int t = 0; t < s.numTimes; ++t) {
+    int outputZ = 0;
+    for (int z = 0; z < s.numZ; ++z) {
+      if (z < range.first || z > range.last) continue;
+      sections.push_back(SectionAddress{z, channel, t, outputZ});
+      ++outputZ;
+    }
+  }
+  return sections;
+}
+
+// Runs the sections of a channel through read, resample and write. While the
+// threads resample section k in blocks of rows, the first thread free does
+// the library's work in the order a one-section loop would: it finishes and
+// writes section k - 1, then reads section k + 1. The library is used by one
+// thread at a time, and a failed read is raised only after the section before
+// it has been written, so a failing run leaves the same partial output.
+void streamSections(const CorrectionRun& run, const std::vector<SectionAddress>& sections,
+                    bool resample, bool inputHasValues, double* parameters,
+                    ChannelStatistics& channel) {
+  const InputStack& s = run.stack;
+  const double pixelsPerSection = static_cast<double>(s.numCols) * s.numRows;
+  const int count = static_cast<int>(sections.size());
+  const int numBlocks = (s.numRows + kRowsPerBlock - 1) / kRowsPerBlock;
+  auto slotOf = [&run](int k) -> SectionSlot& { return run.slots[k % kSlotsInFlight]; };
+
+  if (count > 0) fillSlot(slotOf(0), sections[0], inputHasValues, resample);
+  for (int k = 0; k < count; ++k) {
+    SectionSlot& current = slotOf(k);
+    if (current.readFailure != nullptr) {
+      if (k > 0) finishSection(slotOf(k - 1), resample, pixelsPerSection, channel);
+      stopCorrection(kReadFailed, current.readFailure, true);
+    }
+#pragma omp parallel if (resample)
+    {
+#pragma omp single nowait
+      {
+        if (k > 0) finishSection(slotOf(k - 1), resample, pixelsPerSection, channel);
+        if (k + 1 < count) fillSlot(slotOf(k + 1), sections[k + 1], inputHasValues, resample);
+      }
+      if (resample) {
+#pragma omp for schedule(dynamic, 1) nowait
+        for (int block = 0; block < numBlocks; ++block) {
+          resampleRows(current, parameters, s.numRows, s.numCols, run.linearFlag,
+                       block * kRowsPerBlock, (block + 1) * kRowsPerBlock);
+        }
+      }
+    }
+  }
+  if (count > 0) finishSection(slotOf(count - 1), resample, pixelsPerSection, channel);
+}
 
 // Writes every section of one channel in its Z range, for every time point,
 // and the channel's statistics into the output header.
@@ -367,7 +475,6 @@ void correctChannel(const CorrectionRun& run, int channel) {
   fflush(stdout);
 
   const int r = zTableRow(run.zTable, wavelengthKey(wavelength));
-  const ZRange& range = run.zTable[r];
   // The last row is the reference channel's: copied, not resampled.
   const bool reference = r == static_cast<int>(run.rows.size()) - 1;
   double parameters[kNumModelParameters];
@@ -379,32 +486,12 @@ void correctChannel(const CorrectionRun& run, int channel) {
   IMRtExHdrSize(kInputStream, &numInts, &numFloats);
   const bool inputHasValues = numInts > 0 || numFloats > 0;
 
-  double lowest = kMinimumStart;
-  double highest = kMaximumStart;
-  double sumOfMeans = 0.0;
-  const double pixelsPerSection = static_cast<double>(s.numCols) * s.numRows;
-  for (int t = 0; t < s.numTimes; ++t) {
-    int outputZ = 0;
-    for (int z = 0; z < s.numZ; ++z) {
-      if (z < range.first || z > range.last) continue;
-      const SectionAddress address{z, channel, t, outputZ};
-      double carried[kNumCarriedValues] = {0.0, 0.0, 0.0, 0.0, 0.0};
-      if (inputHasValues) readCarriedValues(address, carried);
-      readSection(address, run.buffers.pixels.data());
-      const SectionStatistics stats =
-          reference
-              ? measureSection(run.buffers.pixels)
-              : resampleSection(run.buffers, parameters, s.numRows, s.numCols, run.linearFlag);
-      const double mean = stats.sum / pixelsPerSection;
-      if (stats.minimum < lowest) lowest = stats.minimum;
-      if (stats.maximum > highest) highest = stats.maximum;
-      sumOfMeans += mean;
-      writeSection(address, run.buffers.pixels.data(), stats.minimum, stats.maximum, mean, carried);
-      ++outputZ;
-    }
-  }
-  const double channelMean = sumOfMeans / (static_cast<double>(s.numTimes) * run.outputSections);
-  writeChannelHeader(channel, wavelength, lowest, highest, channelMean);
+  ChannelStatistics stats;
+  streamSections(run, channelSections(s, run.zTable[r], channel), !reference, inputHasValues,
+                 parameters, stats);
+  const double channelMean =
+      stats.sumOfMeans / (static_cast<double>(s.numTimes) * run.outputSections);
+  writeChannelHeader(channel, wavelength, stats.lowest, stats.highest, channelMean);
 }
 
 void reportProgress(double progress, int numChannels) {
@@ -447,11 +534,12 @@ void performCorrection(char* pathParameterFile, char* pathInput, char* pathOutpu
   std::vector<ZRange> zTable;
   const int outputSections = alignInZ(stack.numZ, rows, channelToRow, zTable);
 
-  SectionBuffers buffers(stack.numRows, stack.numCols);
+  std::deque<SectionSlot> slots;
+  for (int k = 0; k < kSlotsInFlight; ++k) slots.emplace_back(stack.numRows, stack.numCols);
   openOutput(pathOutput);
   prepareOutputHeader(stack, outputSections);
 
-  const CorrectionRun run{stack, rows, zTable, outputSections, linearFlag, buffers};
+  const CorrectionRun run{stack, rows, zTable, outputSections, linearFlag, slots};
   double progress = 0.5;
   for (int c = 0; c < stack.numChannels; ++c) {
     correctChannel(run, c);

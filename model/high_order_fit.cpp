@@ -73,14 +73,24 @@ struct MeasuredSpots {
 
 MeasuredSpots measureNearPredictions(double** image, int numRows, int numCols,
                                      const std::vector<CorvanePoint2D>& predictedPoints) {
-  MeasuredSpots spots;
-  for (const CorvanePoint2D& predicted : predictedPoints) {
-    const int column = static_cast<int>(roundToPixel(predicted.x));
-    const int row = static_cast<int>(roundToPixel(predicted.y));
+  // Each prediction is fitted on its own; the results are taken in the order
+  // of the predictions, whichever thread fitted them.
+  const int count = static_cast<int>(predictedPoints.size());
+  std::vector<CorvanePoint2D> fitted(count);
+  std::vector<char> found(count, 0);
+  forEachSpotInOrder(count, [&](int k) {
+    const int column = static_cast<int>(roundToPixel(predictedPoints[k].x));
+    const int row = static_cast<int>(roundToPixel(predictedPoints[k].y));
     double fittedRow, fittedCol;
-    if (fitPoint(image, numRows, numCols, row, column, &fittedRow, &fittedCol) != 0) continue;
-    spots.measured.push_back(CorvanePoint2D{fittedCol, fittedRow});
-    spots.kept.push_back(predicted);
+    if (fitPoint(image, numRows, numCols, row, column, &fittedRow, &fittedCol) != 0) return;
+    fitted[k] = CorvanePoint2D{fittedCol, fittedRow};
+    found[k] = 1;
+  });
+  MeasuredSpots spots;
+  for (int k = 0; k < count; ++k) {
+    if (found[k] == 0) continue;
+    spots.measured.push_back(fitted[k]);
+    spots.kept.push_back(predictedPoints[k]);
   }
   return spots;
 }

@@ -16,6 +16,7 @@ struct CorvanePoint2D {
 // The model parameter vector: elements 0 to 7 depend on the model, 8 to 19
 // are the high-order coefficients.
 constexpr int kNumModelParameters = 20;
+constexpr int kFirstHighOrderParameter = 8;
 
 // One row of the alignment parameter file: exactly 27 values.
 using AlignmentParameterRow = std::vector<double>;

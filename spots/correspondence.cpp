@@ -60,16 +60,26 @@ void findCorrespondencePoint(double** image, double** reference, int numRows, in
     }
   }
 
-  for (std::size_t k = 0; k < candidateRows.size(); ++k) {
+  // Every candidate is fitted in both images on its own; the pairs are then
+  // taken in candidate order, so the lists do not depend on the threads.
+  struct Pair {
+    bool kept = false;
+    CorvanePoint2D image{}, reference{};
+  };
+  std::vector<Pair> pairs(candidateRows.size());
+  forEachSpotInOrder(static_cast<int>(pairs.size()), [&](int k) {
     const int row = candidateRows[k], col = candidateCols[k];
     double fittedRow, fittedCol;
-    if (fitPoint(reference, numRows, numCols, row, col, &fittedRow, &fittedCol) != 0) continue;
-    referencePoints.push_back(CorvanePoint2D{fittedCol, fittedRow});
+    if (fitPoint(reference, numRows, numCols, row, col, &fittedRow, &fittedCol) != 0) return;
+    pairs[k].reference = CorvanePoint2D{fittedCol, fittedRow};
     // The same integer position, not the refined one: a pair shares its start.
-    if (fitPoint(image, numRows, numCols, row, col, &fittedRow, &fittedCol) != 0) {
-      referencePoints.pop_back();
-      continue;
-    }
-    imagePoints.push_back(CorvanePoint2D{fittedCol, fittedRow});
+    if (fitPoint(image, numRows, numCols, row, col, &fittedRow, &fittedCol) != 0) return;
+    pairs[k].image = CorvanePoint2D{fittedCol, fittedRow};
+    pairs[k].kept = true;
+  });
+  for (const Pair& pair : pairs) {
+    if (!pair.kept) continue;
+    referencePoints.push_back(pair.reference);
+    imagePoints.push_back(pair.image);
   }
 }

@@ -1,8 +1,11 @@
 // Focus section search: every Z section of a channel is cut into a grid of
 // sub-regions, each region's contrast is measured from the spread between its
 // darkest and brightest twentieth, each region votes for its sharpest
-// section, and a trimmed mean of the votes is the answer. One section of
-// floats is held at a time; the stack is never loaded whole.
+// section, and a trimmed mean of the votes is the answer. Two sections of
+// floats are held, one measured on all threads while the next is read; the
+// stack is never loaded whole.
+
+#include <omp.h>
 
 #include <algorithm>
 #include <cassert>
@@ -115,6 +118,70 @@ int trimmedMeanVote(std::vector<int> votes) {
   return static_cast<int>(std::floor(sum / (numRegions - 2.0) + 0.5));
 }
 
+// Scratch of one thread's region measurements, reused from region to region.
+struct RegionScratch {
+  std::vector<double> values, binCenters, binCounts;
+};
+
+// Contrast of region number `region` (block row region / columnDivisions,
+// block column region % columnDivisions): the spread between the mean levels
+// of its darkest and brightest twentieth, in image units; 0.0 for a flat
+// region.
+double regionContrast(float** section, int numRows, int numCols, int rowDivisions,
+                      int columnDivisions, int region, RegionScratch& s) {
+  const int regionRows = numRows / rowDivisions;
+  const int regionCols = numCols / columnDivisions;
+  const int i = region / columnDivisions;
+  const int j = region % columnDivisions;
+  s.values.clear();
+  s.binCenters.clear();
+  s.binCounts.clear();
+  s.values.reserve(static_cast<std::size_t>(std::max(regionRows, 0)) * std::max(regionCols, 0));
+  double maximum = kRunningMaxStart, minimum = kRunningMinStart;
+  for (int r = i * regionRows; r < (i + 1) * regionRows; ++r) {
+    for (int c = j * regionCols; c < (j + 1) * regionCols; ++c) {
+      const double p = section[r][c];
+      s.values.push_back(p);
+      if (p > maximum) maximum = p;
+      if (p < minimum) minimum = p;
+    }
+  }
+  const double range = maximum - minimum;
+  // A region smaller than a pixel has nothing to measure, like a flat one.
+  if (range == 0.0 || s.values.empty()) return 0.0;
+  const double scale = 1.0 / range;
+  for (double& p : s.values) p = (p - minimum) * scale;
+  double lowest, highest;
+  sortedSpan(s.values, &lowest, &highest);
+  binValues(s.values.data(), s.values.size(), lowest, highest, kContrastBins, s.binCenters,
+            s.binCounts);
+  const double low = meanBinLevel(s.binCenters, s.binCounts, kLowBinFirst, kLowBinLast);
+  const double high = meanBinLevel(s.binCenters, s.binCounts, kHighBinFirst, kHighBinLast);
+  return (high - low) * range;
+}
+
+// One section of floats with its row table.
+struct SectionBuffer {
+  std::vector<float> pixels;
+  std::vector<float*> rows;
+  SectionBuffer(int numRows, int numCols)
+      : pixels(static_cast<std::size_t>(numRows) * static_cast<std::size_t>(numCols)),
+        rows(numRows) {
+    for (int r = 0; r < numRows; ++r) {
+      rows[r] = pixels.data() + static_cast<std::size_t>(r) * numCols;
+    }
+  }
+};
+
+void readFocusSection(int stream, int z, int channel, int time, SectionBuffer& buffer) {
+  if (IMPosnZWT(stream, z, channel, time) != 0) {
+    stopReading(stream, "getFocusImageIndexPerChannel:  IMPosnZWT failed.\n");
+  }
+  if (readSectionAsFloats(stream, buffer.pixels.data()) != 0) {
+    stopReading(stream, "getFocusImageIndexPerChannel: IMRdSec failed.\n");
+  }
+}
+
 }  // namespace
 
 void binValues(const double* values, std::size_t count, double lowest, double highest, int numBins,
@@ -173,43 +240,19 @@ void histgram(std::vector<double>& data, int numBins, std::vector<double>& binCe
 void calculateSubRegionContrast(float** section, int numRows, int numCols, int rowDivisions,
                                 int columnDivisions, std::vector<double>& contrast) {
   if (rowDivisions <= 0 || columnDivisions <= 0) return;
-  const int regionRows = numRows / rowDivisions;
-  const int regionCols = numCols / columnDivisions;
-  const std::size_t regionPixels =
-      static_cast<std::size_t>(std::max(regionRows, 0)) * std::max(regionCols, 0);
-  std::vector<double> scratch, binCenters, binCounts;
-  scratch.reserve(regionPixels);
-
-  for (int i = 0; i < rowDivisions; ++i) {
-    for (int j = 0; j < columnDivisions; ++j) {
-      double maximum = kRunningMaxStart, minimum = kRunningMinStart;
-      for (int r = i * regionRows; r < (i + 1) * regionRows; ++r) {
-        for (int c = j * regionCols; c < (j + 1) * regionCols; ++c) {
-          const double p = section[r][c];
-          scratch.push_back(p);
-          if (p > maximum) maximum = p;
-          if (p < minimum) minimum = p;
-        }
-      }
-      const double range = maximum - minimum;
-      // A region smaller than a pixel has nothing to measure, like a flat one.
-      if (range == 0.0 || scratch.empty()) {
-        contrast.push_back(0.0);
-        scratch.clear();
-        continue;
-      }
-      const double scale = 1.0 / range;
-      for (double& p : scratch) p = (p - minimum) * scale;
-      double lowest, highest;
-      sortedSpan(scratch, &lowest, &highest);
-      binValues(scratch.data(), scratch.size(), lowest, highest, kContrastBins, binCenters,
-                binCounts);
-      const double low = meanBinLevel(binCenters, binCounts, kLowBinFirst, kLowBinLast);
-      const double high = meanBinLevel(binCenters, binCounts, kHighBinFirst, kHighBinLast);
-      contrast.push_back((high - low) * range);
-      scratch.clear();
-      binCenters.clear();
-      binCounts.clear();
+  const int numRegions = rowDivisions * columnDivisions;
+  const std::size_t first = contrast.size();
+  contrast.resize(first + numRegions);
+  double* out = contrast.data() + first;
+  // Regions are independent; each value lands in its own place, so the order
+  // of the results is the region order whichever thread measured them.
+#pragma omp parallel if (!omp_in_parallel() && numRegions > 1)
+  {
+    RegionScratch scratch;
+#pragma omp for schedule(dynamic, 1)
+    for (int region = 0; region < numRegions; ++region) {
+      out[region] =
+          regionContrast(section, numRows, numCols, rowDivisions, columnDivisions, region, scratch);
     }
   }
 }
@@ -217,30 +260,34 @@ void calculateSubRegionContrast(float** section, int numRows, int numCols, int r
 int getFocusImageIndexPerChannel(int stream, int channel, int time, int numZ, int numRows,
                                  int numCols, int rowDivisions, int columnDivisions) {
   assert(numRows >= 0 && numCols >= 0);
-  const std::size_t pixels = static_cast<std::size_t>(numRows) * static_cast<std::size_t>(numCols);
-  std::vector<float> buffer(pixels);
-  std::vector<float*> rows(numRows);
-  for (int r = 0; r < numRows; ++r) rows[r] = buffer.data() + static_cast<std::size_t>(r) * numCols;
+  // Two section buffers: the next section is read while the regions of the
+  // current one are measured.
+  SectionBuffer buffers[2] = {SectionBuffer(numRows, numCols), SectionBuffer(numRows, numCols)};
 
   // A grid without rows or columns has no region and measures nothing.
   const int numRegions =
       rowDivisions > 0 && columnDivisions > 0 ? rowDivisions * columnDivisions : 0;
   std::map<int, std::vector<double>> series;
   for (int region = 0; region < numRegions; ++region) series[region].reserve(numZ);
-  std::vector<double> contrast;
-  contrast.reserve(numRegions);
+  std::vector<double> contrast(numRegions);
 
+  if (numZ > 0) readFocusSection(stream, 0, channel, time, buffers[0]);
   for (int z = 0; z < numZ; ++z) {
-    if (IMPosnZWT(stream, z, channel, time) != 0) {
-      stopReading(stream, "getFocusImageIndexPerChannel:  IMPosnZWT failed.\n");
+    SectionBuffer& current = buffers[z % 2];
+    // The library is used by one thread at a time: the first free one reads,
+    // all measure regions of the section already read.
+#pragma omp parallel
+    {
+#pragma omp single nowait
+      if (z + 1 < numZ) readFocusSection(stream, z + 1, channel, time, buffers[(z + 1) % 2]);
+      RegionScratch scratch;
+#pragma omp for schedule(dynamic, 1) nowait
+      for (int region = 0; region < numRegions; ++region) {
+        contrast[region] = regionContrast(current.rows.data(), numRows, numCols, rowDivisions,
+                                          columnDivisions, region, scratch);
+      }
     }
-    if (readSectionAsFloats(stream, buffer.data()) != 0) {
-      stopReading(stream, "getFocusImageIndexPerChannel: IMRdSec failed.\n");
-    }
-    calculateSubRegionContrast(rows.data(), numRows, numCols, rowDivisions, columnDivisions,
-                               contrast);
     for (int region = 0; region < numRegions; ++region) series[region].push_back(contrast[region]);
-    contrast.clear();
   }
 
   std::vector<int> votes;

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "spots/internal.h"
 #include "spots/spots.h"
 #include "trsolver/trsolver.h"
 
@@ -69,7 +70,7 @@ int solveUnconstrained(TrResidualFunction objective, double* x, double* fvec, do
   const int iter2 = kMaxTrialIterations;
   const double rs = kInitialStepBound;
   if (DTRNLSP_INIT(&handle, &n, &m, x, eps, &iter1, &iter2, &rs) != TRS_OK) {
-    puts("error in dtrnlsp_init");
+    printFitLine("error in dtrnlsp_init");
     TRS_FREE_BUFFERS();
     return 1;
   }
@@ -77,7 +78,7 @@ int solveUnconstrained(TrResidualFunction objective, double* x, double* fvec, do
   for (;;) {
     // The handle is left alive on the failing ways out, as designed.
     if (DTRNLSP_SOLVE(&handle, fvec, fjac, &request) != TRS_OK) {
-      puts("error in dtrnlsp_solve");
+      printFitLine("error in dtrnlsp_solve");
       TRS_FREE_BUFFERS();
       return 1;
     }
@@ -91,12 +92,12 @@ int solveUnconstrained(TrResidualFunction objective, double* x, double* fvec, do
   int iterations = 0, stopReason = 0;
   double r1 = 0.0, r2 = 0.0;
   if (DTRNLSP_GET(&handle, &iterations, &stopReason, &r1, &r2) != TRS_OK) {
-    puts("error in dtrnlspbc_get");
+    printFitLine("error in dtrnlspbc_get");
     TRS_FREE_BUFFERS();
     return 1;
   }
   if (DTRNLSP_DELETE(&handle) != TRS_OK) {
-    puts("error in dtrnlspbc_delete");
+    printFitLine("error in dtrnlspbc_delete");
     TRS_FREE_BUFFERS();
     return 1;
   }

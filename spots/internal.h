@@ -20,3 +20,7 @@ void sortAscendingNanLast(std::vector<double>& values);
 // centres to `binCenters` and replaces `binCounts`.
 void binValues(const double* values, std::size_t count, double lowest, double highest, int numBins,
                std::vector<double>& binCenters, std::vector<double>& binCounts);
+
+// Prints one line of a spot fit's solver, as puts does; while the calling
+// thread runs a task of forEachSpotInOrder, the line is held for that task.
+void printFitLine(const char* line);

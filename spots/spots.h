@@ -6,6 +6,7 @@
 // argument list. This is the only header that callers include.
 #pragma once
 
+#include <functional>
 #include <vector>
 
 #include "model/model.h"
@@ -119,3 +120,10 @@ int nonLinearLeastSquareOptimizationGaussianTwoDimension(double* x, double* fvec
 void findCorrespondencePoint(double** image, double** reference, int numRows, int numCols,
                              std::vector<CorvanePoint2D>& imagePoints,
                              std::vector<CorvanePoint2D>& referencePoints);
+
+// Calls task(k) for every k from 0 to count - 1, spread over the threads the
+// run allows (OMP_NUM_THREADS, all cores by default). The tasks must be
+// independent of each other and keep their results apart, by k. The solver
+// lines of the spot fits are held per task and printed after the last task in
+// the order of k, so standard output reads as after a loop on one thread.
+void forEachSpotInOrder(int count, const std::function<void(int)>& task);

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 
 #include "trsolver/trsolver.h"
 
@@ -108,6 +109,18 @@ struct TrHandleHeader {
 
 // Zero-filled block of `count` doubles aligned to `alignment` bytes, or null.
 double* trs_alloc_doubles(std::size_t count, std::size_t alignment);
+
+// The serial BLAS shares one scratch buffer among its matrix routines
+// (gemv, gemm, and the LAPACK factorisations and solves) without a lock: two
+// such calls at once, from spot fits on different threads, corrupt each
+// other's results. Each of them runs under this lock; the vector routines
+// (dot, norm, axpy, scal, copy) keep no scratch and need none.
+std::mutex& trs_blas_mutex();
+template <typename Call>
+auto trs_blas_locked(Call call) {
+  const std::lock_guard<std::mutex> lock(trs_blas_mutex());
+  return call();
+}
 void trs_free(void* block);
 
 // ---- Entry points with 64-bit integers ----

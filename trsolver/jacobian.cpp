@@ -30,6 +30,32 @@ ColumnStep columnStep(double v, double h, double onePlusH, double oneMinusH, dou
   return {v * onePlusH, v * oneMinusH, v * twoH};
 }
 
+// One column of the Jacobian on one thread's private slices: the parameter
+// copy xp (clean again on return), and the forward and backward residuals.
+struct ColumnSteps {
+  TrResidualFunction fcn;
+  void* userData;
+  double h, onePlusH, oneMinusH, twoH;
+  int64_t m, n;
+  double* fjac;
+
+  void column(int64_t j, double* xp, double* f1, double* f2) const {
+    int mLocal = static_cast<int>(m), nLocal = static_cast<int>(n);
+    const blasint bm = static_cast<blasint>(m);
+    const double v = xp[j];
+    const ColumnStep cs = columnStep(v, h, onePlusH, oneMinusH, twoH);
+    xp[j] = cs.forward;
+    fcn(&mLocal, &nLocal, xp, f1, userData);
+    xp[j] = cs.backward;
+    fcn(&mLocal, &nLocal, xp, f2, userData);
+    xp[j] = v;
+    cblas_daxpy(bm, -1.0, f2, 1, f1, 1);
+    // One reciprocal, then a multiply, as the column's arithmetic is fixed.
+    cblas_dscal(bm, 1.0 / cs.divisor, f1, 1);
+    cblas_dcopy(bm, f1, 1, fjac + j * m, 1);
+  }
+};
+
 struct Blocks {
   double* forward = nullptr;
   double* backward = nullptr;
@@ -48,7 +74,9 @@ int trs_djacobix(TrResidualFunction fcn, int64_t n, int64_t m, double* fjac, con
   const double h = eps[0];
   if (n < 1 || h <= 0.0) return TRS_BAD_ARGUMENT;
 
-  const int threads = m * n >= PARALLEL_MIN_WORK ? omp_get_max_threads() : 1;
+  // Inside a parallel region (spot fits on several threads) the columns stay
+  // on the calling thread.
+  const int threads = m * n >= PARALLEL_MIN_WORK && !omp_in_parallel() ? omp_get_max_threads() : 1;
   Blocks b;
   const std::size_t tm = static_cast<std::size_t>(threads) * static_cast<std::size_t>(m);
   const std::size_t tn = static_cast<std::size_t>(threads) * static_cast<std::size_t>(n);
@@ -59,30 +87,20 @@ int trs_djacobix(TrResidualFunction fcn, int64_t n, int64_t m, double* fjac, con
   for (int t = 0; t < threads; ++t) {
     cblas_dcopy(static_cast<blasint>(n), x, 1, b.params + t * n, 1);
   }
-  const double onePlusH = 1.0 + h, oneMinusH = 1.0 - h, twoH = h + h;
-  int mm = static_cast<int>(m), nn = static_cast<int>(n);
-  const blasint bm = static_cast<blasint>(m);
-
+  const ColumnSteps steps{fcn, user_data, h, 1.0 + h, 1.0 - h, h + h, m, n, fjac};
+  // One thread runs the columns in a plain loop: opening a region for a team
+  // of one still costs a wake-up per call, and a calibration makes hundreds of
+  // thousands of spot-sized calls (on the spot fits' own threads, too).
+  if (threads == 1) {
+    for (int64_t j = 0; j < n; ++j) steps.column(j, b.params, b.forward, b.backward);
+    return TRS_OK;
+  }
 #pragma omp parallel num_threads(threads)
   {
     const int t = omp_get_thread_num();
-    double* xp = b.params + t * n;
-    double* f1 = b.forward + t * m;
-    double* f2 = b.backward + t * m;
-    int mLocal = mm, nLocal = nn;
 #pragma omp for schedule(static)
     for (int64_t j = 0; j < n; ++j) {
-      const double v = xp[j];
-      const ColumnStep cs = columnStep(v, h, onePlusH, oneMinusH, twoH);
-      xp[j] = cs.forward;
-      fcn(&mLocal, &nLocal, xp, f1, user_data);
-      xp[j] = cs.backward;
-      fcn(&mLocal, &nLocal, xp, f2, user_data);
-      xp[j] = v;
-      cblas_daxpy(bm, -1.0, f2, 1, f1, 1);
-      // One reciprocal, then a multiply, as the column's arithmetic is fixed.
-      cblas_dscal(bm, 1.0 / cs.divisor, f1, 1);
-      cblas_dcopy(bm, f1, 1, fjac + j * m, 1);
+      steps.column(j, b.params + t * n, b.forward + t * m, b.backward + t * m);
     }
   }
   return TRS_OK;

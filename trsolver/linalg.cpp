@@ -20,13 +20,19 @@ double* trs_alloc_doubles(std::size_t count, std::size_t alignment) {
   return static_cast<double*>(block);
 }
 
+std::mutex& trs_blas_mutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
 void trs_free(void* block) {
   std::free(block);
 }
 
 int64_t trs_factorise(int64_t n, double* a) {
   const lapack_int size = static_cast<lapack_int>(n);
-  lapack_int info = LAPACKE_dpotrf_work(LAPACK_COL_MAJOR, 'L', size, a, size);
+  lapack_int info =
+      trs_blas_locked([&] { return LAPACKE_dpotrf_work(LAPACK_COL_MAJOR, 'L', size, a, size); });
   if (info != 0) return info;
   // The optimised factorisation may run through a NaN pivot without flagging
   // it; report it as the reference routine does, so that a NaN matrix counts
@@ -39,13 +45,16 @@ int64_t trs_factorise(int64_t n, double* a) {
 
 int64_t trs_cholesky_solve(int64_t n, const double* chol, double* b) {
   const lapack_int size = static_cast<lapack_int>(n);
-  return LAPACKE_dpotrs_work(LAPACK_COL_MAJOR, 'L', size, 1, chol, size, b, size);
+  return trs_blas_locked(
+      [&] { return LAPACKE_dpotrs_work(LAPACK_COL_MAJOR, 'L', size, 1, chol, size, b, size); });
 }
 
 int64_t trs_triangular_solve(int64_t n, const double* l, bool transposed, double* b) {
   const lapack_int size = static_cast<lapack_int>(n);
-  return LAPACKE_dtrtrs_work(LAPACK_COL_MAJOR, 'L', transposed ? 'T' : 'N', 'N', size, 1, l, size,
-                             b, size);
+  return trs_blas_locked([&] {
+    return LAPACKE_dtrtrs_work(LAPACK_COL_MAJOR, 'L', transposed ? 'T' : 'N', 'N', size, 1, l, size,
+                               b, size);
+  });
 }
 
 void trs_shift_diagonal(int64_t n, double* a, double shift) {

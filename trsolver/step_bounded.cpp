@@ -87,22 +87,30 @@ void scaleColumns(int64_t n, int64_t m, const double* fjac, const double* d, boo
 
 // y := J v (m) for column-major J.
 void jacobianTimes(int64_t n, int64_t m, const double* fjac, const double* v, double* y) {
-  cblas_dgemv(CblasColMajor, CblasNoTrans, B(m), B(n), 1.0, fjac, B(m), v, 1, 0.0, y, 1);
+  trs_blas_locked([&] {
+    return cblas_dgemv(CblasColMajor, CblasNoTrans, B(m), B(n), 1.0, fjac, B(m), v, 1, 0.0, y, 1);
+  });
 }
 
 // y := alpha J^T v (n).
 void jacobianTransposedTimes(int64_t n, int64_t m, double alpha, const double* fjac,
                              const double* v, double* y) {
-  cblas_dgemv(CblasColMajor, CblasTrans, B(m), B(n), alpha, fjac, B(m), v, 1, 0.0, y, 1);
+  trs_blas_locked([&] {
+    return cblas_dgemv(CblasColMajor, CblasTrans, B(m), B(n), alpha, fjac, B(m), v, 1, 0.0, y, 1);
+  });
 }
 
 // (J^T J v) . a, the product formed as rows: (J v)^T J, then a dot.
 double normalProductDot(int64_t n, int64_t m, const double* fjac, const double* v, const double* a,
                         double* column, double* row) {
-  cblas_dgemm(CblasColMajor, CblasNoTrans, CblasNoTrans, B(m), 1, B(n), 1.0, fjac, B(m), v, B(n),
-              0.0, column, B(m));
-  cblas_dgemm(CblasColMajor, CblasTrans, CblasNoTrans, 1, B(n), B(m), 1.0, column, B(m), fjac, B(m),
-              0.0, row, 1);
+  trs_blas_locked([&] {
+    return cblas_dgemm(CblasColMajor, CblasNoTrans, CblasNoTrans, B(m), 1, B(n), 1.0, fjac, B(m), v,
+                       B(n), 0.0, column, B(m));
+  });
+  trs_blas_locked([&] {
+    return cblas_dgemm(CblasColMajor, CblasTrans, CblasNoTrans, 1, B(n), B(m), 1.0, column, B(m),
+                       fjac, B(m), 0.0, row, 1);
+  });
   return trs_dot(n, row, a);
 }
 
@@ -191,7 +199,10 @@ int64_t curvatureEstimate(Subproblem& sp) {
   for (int64_t i = 0; i < n; ++i) sp.v[i] = sp.v[i] / vnorm;
   const double* u = sp.v;
 
-  cblas_dgemv(CblasColMajor, CblasNoTrans, B(n), B(n), 1.0, sp.hess, B(n), u, 1, 0.0, sp.hv, 1);
+  trs_blas_locked([&] {
+    return cblas_dgemv(CblasColMajor, CblasNoTrans, B(n), B(n), 1.0, sp.hess, B(n), u, 1, 0.0,
+                       sp.hv, 1);
+  });
   const double curvature = trs_dot(n, u, sp.hv);
   sp.lo = std::fmax(sp.lo, sp.lambda - curvature);
 
@@ -205,7 +216,10 @@ int64_t curvatureEstimate(Subproblem& sp) {
 
   double* t = sp.d;  // the scale is spent
   for (int64_t i = 0; i < n; ++i) t[i] = sp.p[i] + tau * u[i];
-  cblas_dgemv(CblasColMajor, CblasNoTrans, B(n), B(n), 1.0, sp.hess, B(n), sp.p, 1, 0.0, sp.hv, 1);
+  trs_blas_locked([&] {
+    return cblas_dgemv(CblasColMajor, CblasNoTrans, B(n), B(n), 1.0, sp.hess, B(n), sp.p, 1, 0.0,
+                       sp.hv, 1);
+  });
   const double energy = trs_dot(n, sp.p, sp.hv);
   if (CURVATURE_TOLERANCE * energy > curvature * tau * tau) {
     cblas_dcopy(B(n), t, 1, sp.p, 1);
@@ -226,8 +240,10 @@ void trs_dmintr_ls_npd(int64_t n, int64_t m, const double* jac, const double* fv
                        int64_t* status, double* const work[5]) {
   assert(n > 0 && m >= n);
   double* grad = work[0];
-  cblas_dgemm(CblasColMajor, CblasTrans, CblasNoTrans, B(n), B(n), B(m), 1.0, jac, B(m), jac, B(m),
-              0.0, hess, B(n));
+  trs_blas_locked([&] {
+    return cblas_dgemm(CblasColMajor, CblasTrans, CblasNoTrans, B(n), B(n), B(m), 1.0, jac, B(m),
+                       jac, B(m), 0.0, hess, B(n));
+  });
   jacobianTransposedTimes(n, m, 1.0, jac, fvec, grad);
   const double gradNorm = trs_norm(n, grad);
   cblas_dscal(B(n), -1.0, grad, 1);
@@ -347,7 +363,9 @@ void trs_distance_scale(int64_t n, int64_t m, const double* x, const double* fve
                         const double* fjac, const double* lw, const double* up, double* g,
                         double* d) {
   // Signs from the first n residuals only: intended, later steps use all.
-  cblas_dgemv(CblasColMajor, CblasTrans, B(n), B(n), 1.0, fjac, B(m), fvec, 1, 0.0, g, 1);
+  trs_blas_locked([&] {
+    return cblas_dgemv(CblasColMajor, CblasTrans, B(n), B(n), 1.0, fjac, B(m), fvec, 1, 0.0, g, 1);
+  });
   distanceMeasure(n, x, g, lw, up, d);
   for (int64_t i = 0; i < n; ++i) d[i] = 1.0 / std::sqrt(std::fabs(d[i]));
 }

@@ -23,9 +23,13 @@ constexpr double TRIAL_SHIFT_GROWTH = 10.0;
 void buildNormalEquations(int64_t n, int64_t m, const double* fjac, const double* fvec,
                           double* hess, double* grad) {
   const blasint nn = static_cast<blasint>(n), mm = static_cast<blasint>(m);
-  cblas_dgemm(CblasColMajor, CblasTrans, CblasNoTrans, nn, nn, mm, 1.0, fjac, mm, fjac, mm, 0.0,
-              hess, nn);
-  cblas_dgemv(CblasColMajor, CblasTrans, mm, nn, -1.0, fjac, mm, fvec, 1, 0.0, grad, 1);
+  trs_blas_locked([&] {
+    return cblas_dgemm(CblasColMajor, CblasTrans, CblasNoTrans, nn, nn, mm, 1.0, fjac, mm, fjac, mm,
+                       0.0, hess, nn);
+  });
+  trs_blas_locked([&] {
+    return cblas_dgemv(CblasColMajor, CblasTrans, mm, nn, -1.0, fjac, mm, fvec, 1, 0.0, grad, 1);
+  });
 }
 
 void copyMatrix(int64_t n, const double* from, double* to) {
