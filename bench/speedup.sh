@@ -104,19 +104,18 @@ echo "load after:  $(uptime)"
 echo
 echo "wall seconds, median of $rounds rounds; all = every thread ($(nproc) cores)," \
   "one = OMP_NUM_THREADS=1; outputs identical to the baseline's"
-printf "%-24s %9s %9s %9s %9s %9s\n" case baseline one all all/one all/base
-for name in "${cases[@]}"; do
-  f="$work/times.${name// /_}"
-  awk -v n="$name" -v b="$(median < "$f.baseline")" -v o="$(median < "$f.one")" \
-    -v a="$(median < "$f.all")" \
-    'BEGIN { printf "%-24s %9.2f %9.2f %9.2f %9.3f %9.3f\n", n, b, o, a, a / o, a / b }'
-done
+# One table of medians: $1 the file prefix, $2 and $3 the two ratio columns.
+table() {
+  printf "%-24s %9s %9s %9s %9s %9s\n" case baseline one all "$2" "$3"
+  for name in "${cases[@]}"; do
+    f="$work/$1.${name// /_}"
+    awk -v n="$name" -v b="$(median < "$f.baseline")" -v o="$(median < "$f.one")" \
+      -v a="$(median < "$f.all")" -v r1="$2" -v r2="$3" \
+      'function ratio(r) { return r == "all/one" ? a / o : r == "one/base" ? o / b : a / b }
+       BEGIN { printf "%-24s %9.2f %9.2f %9.2f %9.3f %9.3f\n", n, b, o, a, ratio(r1), ratio(r2) }'
+  done
+}
+table times all/one all/base
 echo
 echo "CPU seconds (user + system), median of $rounds rounds"
-printf "%-24s %9s %9s %9s %9s %9s\n" case baseline one all one/base all/base
-for name in "${cases[@]}"; do
-  f="$work/cpu.${name// /_}"
-  awk -v n="$name" -v b="$(median < "$f.baseline")" -v o="$(median < "$f.one")" \
-    -v a="$(median < "$f.all")" \
-    'BEGIN { printf "%-24s %9.2f %9.2f %9.2f %9.3f %9.3f\n", n, b, o, a, o / b, a / b }'
-done
+table cpu one/base all/base
