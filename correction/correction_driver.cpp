@@ -17,6 +17,7 @@
 #include "correction/correction.h"
 #include "imsubs/imsubs.h"
 #include "model/model.h"
+#include "spots/spots.h"
 
 namespace {
 

@@ -46,12 +46,6 @@ constexpr int kSlotStackSpacingZ = 11;
 // values beyond the integer range give its nearest end.
 int truncateToInt(double value);
 
-// Reads the section at the stream's position into `section`, room for
-// columns x rows floats, whatever the stack's pixel type: 8-byte floats are
-// narrowed to floats here, every other type is converted by the library.
-// Returns the status of the failing library call, or 0.
-int readSectionAsFloats(int stream, float* section);
-
 // Reads the alignment parameter file at `path` and appends one row of 27
 // doubles for every 27 values in it. Values are scanned in single precision.
 // Returns only with a valid file read; every failure prints its message and

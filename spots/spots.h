@@ -24,6 +24,12 @@ void getFocusImagePerChannel(int stream, int channel, int time, int numZ, int nu
                              int rowDivisions, int columnDivisions, float* section,
                              int* focusIndex);
 
+// Reads the section at the stream's position into `section`, room for
+// columns x rows floats, whatever the stack's pixel type: 8-byte floats are
+// narrowed to floats here, every other type is converted by the library.
+// Returns the status of the failing library call, or 0.
+int readSectionAsFloats(int stream, float* section);
+
 // Reads every Z section of (channel, time) once, finds the sharpest section of
 // each sub-region on its own and returns the trimmed mean of those indices,
 // rounded half up. Ends the process on a failing image call.

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "imsubs/imsubs.h"
-#include "model/model.h"
+#include "spots/spots.h"
 
 namespace {
 
