@@ -1,10 +1,13 @@
 // Run control: the global settings of one run, the command-line parser that
-// fills them, the status file writer and the signal handler.
+// fills them, the status file writer, the signal handler, and the carrying of
+// failures out of parallel loops to the program's handler.
 //
 // The settings are written once by validateArgument and only read afterwards.
 // Paths are not copied: they point into the process's argument vector.
 #pragma once
 
+#include <exception>
+#include <mutex>
 #include <vector>
 
 extern int calibration;
@@ -38,3 +41,28 @@ void signalHandler(int);
 // Rewrites the status file whole as "%.2f\n%s". Does nothing without a path
 // or when the file cannot be opened.
 void updateStatus(const char* path, const char* message, double percent);
+
+// Carries the first exception thrown on any thread of a parallel region out
+// of it. An exception may not leave a region: one that did would end the
+// process at once, without the run's own message (a failed allocation on a
+// worker thread, say). Wrap each unit of work in guard(); call rethrow() once
+// the region has ended.
+class RegionFailure {
+ public:
+  template <class Work>
+  void guard(Work&& work) noexcept {
+    try {
+      work();
+    } catch (...) {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (!first_) first_ = std::current_exception();
+    }
+  }
+  void rethrow() const {
+    if (first_) std::rethrow_exception(first_);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::exception_ptr first_;
+};

@@ -448,13 +448,14 @@ void streamSections(const CorrectionRun& run, const std::vector<SectionAddress>&
       if (k > 0) finishSection(slotOf(k - 1), resample, pixelsPerSection, channel);
       stopCorrection(kReadFailed, current.readFailure, true);
     }
+    RegionFailure failure;
 #pragma omp parallel if (resample)
     {
 #pragma omp single nowait
-      {
+      failure.guard([&] {
         if (k > 0) finishSection(slotOf(k - 1), resample, pixelsPerSection, channel);
         if (k + 1 < count) fillSlot(slotOf(k + 1), sections[k + 1], inputHasValues, resample);
-      }
+      });
       if (resample) {
 #pragma omp for schedule(dynamic, 1) nowait
         for (int block = 0; block < numBlocks; ++block) {
@@ -463,6 +464,7 @@ void streamSections(const CorrectionRun& run, const std::vector<SectionAddress>&
         }
       }
     }
+    failure.rethrow();
   }
   if (count > 0) finishSection(slotOf(count - 1), resample, pixelsPerSection, channel);
 }

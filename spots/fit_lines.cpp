@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "app/settings.h"
 #include "spots/internal.h"
 #include "spots/spots.h"
 
@@ -34,12 +35,14 @@ void forEachSpotInOrder(int count, const std::function<void(int)>& task) {
     return;
   }
   std::vector<std::string> lines(count);
+  RegionFailure failure;
 #pragma omp parallel for schedule(dynamic, 1)
   for (int k = 0; k < count; ++k) {
     fitLineSink = &lines[k];
-    task(k);
+    failure.guard([&] { task(k); });
     fitLineSink = nullptr;
   }
+  failure.rethrow();
   // Nothing else prints during the loop, so the held lines slot in where a
   // one-thread loop would have printed them.
   for (const std::string& held : lines) fputs(held.c_str(), stdout);

@@ -5,16 +5,20 @@
 // floats are held, one measured on all threads while the next is read; the
 // stack is never loaded whole.
 
+#include <emmintrin.h>
 #include <omp.h>
 
 #include <algorithm>
 #include <cassert>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <map>
 #include <vector>
 
+#include "app/settings.h"
 #include "imsubs/imsubs.h"
 #include "spots/internal.h"
 #include "spots/spots.h"
@@ -72,24 +76,112 @@ int findBin(double v, const std::vector<double>& edges, double lowest, double wi
   return (v > edges[j] && v <= edges[j + 1]) ? j : -1;
 }
 
-// The first and last value that an ascending sort with NaN last would give,
-// found without sorting.
-void sortedSpan(const std::vector<double>& values, double* lowest, double* highest) {
-  bool anyNumber = false, anyNan = false;
-  double low = NAN, high = NAN;
-  for (double v : values) {
-    if (v != v) {
-      anyNan = true;
-    } else if (!anyNumber) {
-      low = high = v;
-      anyNumber = true;
-    } else {
-      low = std::min(low, v);
-      high = std::max(high, v);
+// Counts every value into its bin among finite, nondecreasing edges. The
+// guess is a product, not a quotient and a floor, and one step either way
+// settles almost every value; any other goes to the stepwise search, so the
+// bins are those the edge test defines whatever the guess. Consecutive values
+// mostly share a bin, so four interleaved integer tallies keep the increments
+// from waiting on each other; counts far below 2^53 sum exactly.
+void countOrderedBins(const double* values, std::size_t count, const std::vector<double>& edges,
+                      double lowest, double width, std::vector<double>& binCounts) {
+  constexpr std::size_t kTallies = 4;
+  const int numBins = static_cast<int>(binCounts.size());
+  const std::size_t stride = binCounts.size();
+  std::vector<std::uint64_t> tally(kTallies * stride, 0);
+  const double inverse = 1.0 / width;
+  const double top = numBins - 1;
+  for (std::size_t k = 0; k < count; ++k) {
+    const double v = values[k];
+    // NaN and out-of-range guesses clamp into [0, top].
+    int j = static_cast<int>(std::max(0.0, std::min((v - lowest) * inverse, top)));
+    if (!(v > edges[j])) {
+      j -= j > 0;
+    } else if (j < numBins - 1 && v > edges[j + 1]) {
+      ++j;
     }
+    if (!(v > edges[j] && v <= edges[j + 1])) j = findBin(v, edges, lowest, width, numBins);
+    if (j >= 0) ++tally[(k % kTallies) * stride + j];
   }
-  *lowest = low;
-  *highest = anyNan ? NAN : high;
+  for (std::size_t j = 0; j < stride; ++j) {
+    std::uint64_t sum = 0;
+    for (std::size_t t = 0; t < kTallies; ++t) sum += tally[t * stride + j];
+    binCounts[j] = static_cast<double>(sum);
+  }
+}
+
+// Copies `cols` pixels from `first` of each of `rows` rows from `top` as
+// doubles and folds them into the running extremes, which NaN never enters.
+// Two-lane registers keep the comparisons from waiting on each other; the
+// lanes can disagree with one running pair only on the sign of a zero
+// extreme, which changes neither the range nor any normalised value's bin.
+void widenWithExtremes(float** section, int top, int rows, std::size_t first, int cols, double* out,
+                       double* minimum, double* maximum) {
+  __m128d high = _mm_set1_pd(*maximum), low = _mm_set1_pd(*minimum);
+  double highTail = *maximum, lowTail = *minimum;
+  for (int r = top; r < top + rows; ++r) {
+    const float* row = section[r] + first;
+    int c = 0;
+    for (; c + 2 <= cols; c += 2) {
+      const __m128i pair = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(row + c));
+      const __m128d p = _mm_cvtps_pd(_mm_castsi128_ps(pair));
+      _mm_storeu_pd(out + c, p);
+      high = _mm_max_pd(p, high);  // p > high ? p : high
+      low = _mm_min_pd(p, low);    // p < low ? p : low
+    }
+    for (; c < cols; ++c) {
+      const double p = row[c];
+      out[c] = p;
+      if (p > highTail) highTail = p;
+      if (p < lowTail) lowTail = p;
+    }
+    out += cols;
+  }
+  double highs[2], lows[2];
+  _mm_storeu_pd(highs, high);
+  _mm_storeu_pd(lows, low);
+  *maximum = std::max({highs[0], highs[1], highTail});
+  *minimum = std::min({lows[0], lows[1], lowTail});
+}
+
+// Maps every value v to (v - minimum) * scale and gives the span an ascending
+// sort with NaN last would give: lowest and highest number, highest NaN when
+// a value is NaN, both NaN when no value is a number.
+void normalizeWithSpan(std::vector<double>& values, double minimum, double scale, double* lowest,
+                       double* highest) {
+  const __m128d shift = _mm_set1_pd(minimum), factor = _mm_set1_pd(scale);
+  const double inf = std::numeric_limits<double>::infinity();
+  __m128d low = _mm_set1_pd(inf), high = _mm_set1_pd(-inf);
+  __m128d nan = _mm_setzero_pd(), number = _mm_setzero_pd();
+  std::size_t k = 0;
+  const std::size_t n = values.size();
+  double* v = values.data();
+  for (; k + 2 <= n; k += 2) {
+    const __m128d p = _mm_mul_pd(_mm_sub_pd(_mm_loadu_pd(v + k), shift), factor);
+    _mm_storeu_pd(v + k, p);
+    low = _mm_min_pd(p, low);
+    high = _mm_max_pd(p, high);
+    nan = _mm_or_pd(nan, _mm_cmpunord_pd(p, p));
+    number = _mm_or_pd(number, _mm_cmpord_pd(p, p));
+  }
+  double lows[2], highs[2];
+  _mm_storeu_pd(lows, low);
+  _mm_storeu_pd(highs, high);
+  bool anyNan = _mm_movemask_pd(nan) != 0;
+  bool anyNumber = _mm_movemask_pd(number) != 0;
+  double lo = std::min(lows[0], lows[1]), hi = std::max(highs[0], highs[1]);
+  for (; k < n; ++k) {
+    const double p = (v[k] - minimum) * scale;
+    v[k] = p;
+    if (p != p) {
+      anyNan = true;
+      continue;
+    }
+    anyNumber = true;
+    lo = std::min(lo, p);
+    hi = std::max(hi, p);
+  }
+  *lowest = anyNumber ? lo : NAN;
+  *highest = anyNumber && !anyNan ? hi : NAN;
 }
 
 // Position of the largest value; strict comparison, so the first one wins.
@@ -133,26 +225,18 @@ double regionContrast(float** section, int numRows, int numCols, int rowDivision
   const int regionCols = numCols / columnDivisions;
   const int i = region / columnDivisions;
   const int j = region % columnDivisions;
-  s.values.clear();
   s.binCenters.clear();
   s.binCounts.clear();
-  s.values.reserve(static_cast<std::size_t>(std::max(regionRows, 0)) * std::max(regionCols, 0));
-  double maximum = kRunningMaxStart, minimum = kRunningMinStart;
-  for (int r = i * regionRows; r < (i + 1) * regionRows; ++r) {
-    for (int c = j * regionCols; c < (j + 1) * regionCols; ++c) {
-      const double p = section[r][c];
-      s.values.push_back(p);
-      if (p > maximum) maximum = p;
-      if (p < minimum) minimum = p;
-    }
-  }
-  const double range = maximum - minimum;
   // A region smaller than a pixel has nothing to measure, like a flat one.
-  if (range == 0.0 || s.values.empty()) return 0.0;
-  const double scale = 1.0 / range;
-  for (double& p : s.values) p = (p - minimum) * scale;
+  if (regionRows <= 0 || regionCols <= 0) return 0.0;
+  s.values.resize(static_cast<std::size_t>(regionRows) * static_cast<std::size_t>(regionCols));
+  double maximum = kRunningMaxStart, minimum = kRunningMinStart;
+  widenWithExtremes(section, i * regionRows, regionRows, static_cast<std::size_t>(j) * regionCols,
+                    regionCols, s.values.data(), &minimum, &maximum);
+  const double range = maximum - minimum;
+  if (range == 0.0) return 0.0;
   double lowest, highest;
-  sortedSpan(s.values, &lowest, &highest);
+  normalizeWithSpan(s.values, minimum, 1.0 / range, &lowest, &highest);
   binValues(s.values.data(), s.values.size(), lowest, highest, kContrastBins, s.binCenters,
             s.binCounts);
   const double low = meanBinLevel(s.binCenters, s.binCounts, kLowBinFirst, kLowBinLast);
@@ -210,13 +294,12 @@ void binValues(const double* values, std::size_t count, double lowest, double hi
   // every bin as the definition reads.
   const bool ordered = std::isfinite(lowest) && std::isfinite(highest) && std::isfinite(width) &&
                        std::is_sorted(edges.begin(), edges.end());
+  if (ordered) {
+    countOrderedBins(values, count, edges, lowest, width, binCounts);
+    return;
+  }
   for (std::size_t k = 0; k < count; ++k) {
     const double v = values[k];
-    if (ordered) {
-      const int j = findBin(v, edges, lowest, width, numBins);
-      if (j >= 0) binCounts[j] += 1.0;
-      continue;
-    }
     if (v == edges[0]) {
       binCounts[0] += 1.0;
       continue;
@@ -246,15 +329,19 @@ void calculateSubRegionContrast(float** section, int numRows, int numCols, int r
   double* out = contrast.data() + first;
   // Regions are independent; each value lands in its own place, so the order
   // of the results is the region order whichever thread measured them.
+  RegionFailure failure;
 #pragma omp parallel if (!omp_in_parallel() && numRegions > 1)
   {
     RegionScratch scratch;
 #pragma omp for schedule(dynamic, 1)
     for (int region = 0; region < numRegions; ++region) {
-      out[region] =
-          regionContrast(section, numRows, numCols, rowDivisions, columnDivisions, region, scratch);
+      failure.guard([&] {
+        out[region] = regionContrast(section, numRows, numCols, rowDivisions, columnDivisions,
+                                     region, scratch);
+      });
     }
   }
+  failure.rethrow();
 }
 
 int getFocusImageIndexPerChannel(int stream, int channel, int time, int numZ, int numRows,
@@ -276,17 +363,24 @@ int getFocusImageIndexPerChannel(int stream, int channel, int time, int numZ, in
     SectionBuffer& current = buffers[z % 2];
     // The library is used by one thread at a time: the first free one reads,
     // all measure regions of the section already read.
+    RegionFailure failure;
 #pragma omp parallel
     {
 #pragma omp single nowait
-      if (z + 1 < numZ) readFocusSection(stream, z + 1, channel, time, buffers[(z + 1) % 2]);
+      if (z + 1 < numZ) {
+        failure.guard(
+            [&] { readFocusSection(stream, z + 1, channel, time, buffers[(z + 1) % 2]); });
+      }
       RegionScratch scratch;
 #pragma omp for schedule(dynamic, 1) nowait
       for (int region = 0; region < numRegions; ++region) {
-        contrast[region] = regionContrast(current.rows.data(), numRows, numCols, rowDivisions,
-                                          columnDivisions, region, scratch);
+        failure.guard([&] {
+          contrast[region] = regionContrast(current.rows.data(), numRows, numCols, rowDivisions,
+                                            columnDivisions, region, scratch);
+        });
       }
     }
+    failure.rethrow();
     for (int region = 0; region < numRegions; ++region) series[region].push_back(contrast[region]);
   }
 

@@ -112,6 +112,10 @@ TEST(CalculateSubRegionContrast, MatchesTheDefinitionAndIgnoresLeftovers) {
       {"noise", 67, 45, [&](int, int) { return std::poisson_distribution<int>(30)(rng); }},
       {"fine ramp", 64, 64, [](int r, int c) { return float(r * 64 + c) * 0.37f; }},
       {"flat regions", 32, 32, [](int r, int) { return r < 16 ? 5.0f : float(r); }},
+      {"signed zeros", 40, 41,
+       [](int r, int c) { return (r * c) % 3   ? float((r + c) % 4)
+                                 : (r + c) % 2 ? -0.0f
+                                               : 0.0f; }},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
