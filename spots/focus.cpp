@@ -15,7 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
-#include <map>
+#include <mutex>
 #include <vector>
 
 #include "app/settings.h"
@@ -347,46 +347,44 @@ void calculateSubRegionContrast(float** section, int numRows, int numCols, int r
 int getFocusImageIndexPerChannel(int stream, int channel, int time, int numZ, int numRows,
                                  int numCols, int rowDivisions, int columnDivisions) {
   assert(numRows >= 0 && numCols >= 0);
-  // Two section buffers: the next section is read while the regions of the
-  // current one are measured.
-  SectionBuffer buffers[2] = {SectionBuffer(numRows, numCols), SectionBuffer(numRows, numCols)};
-
   // A grid without rows or columns has no region and measures nothing.
   const int numRegions =
       rowDivisions > 0 && columnDivisions > 0 ? rowDivisions * columnDivisions : 0;
-  std::map<int, std::vector<double>> series;
-  for (int region = 0; region < numRegions; ++region) series[region].reserve(numZ);
-  std::vector<double> contrast(numRegions);
+  const std::size_t stride = static_cast<std::size_t>(numRegions);
+  std::vector<double> contrast(static_cast<std::size_t>(std::max(numZ, 0)) * stride);
 
-  if (numZ > 0) readFocusSection(stream, 0, channel, time, buffers[0]);
-  for (int z = 0; z < numZ; ++z) {
-    SectionBuffer& current = buffers[z % 2];
-    // The library is used by one thread at a time: the first free one reads,
-    // all measure regions of the section already read.
-    RegionFailure failure;
-#pragma omp parallel
-    {
-#pragma omp single nowait
-      if (z + 1 < numZ) {
-        failure.guard(
-            [&] { readFocusSection(stream, z + 1, channel, time, buffers[(z + 1) % 2]); });
+  // Each thread takes the next section, reads it and measures all its
+  // regions in a buffer of its own. Taking and reading happen under one lock:
+  // the library is used by one thread at a time and sections are read in
+  // order. One region for the whole stack, so no thread waits per section.
+  std::mutex library;
+  int next = 0;
+  RegionFailure failure;
+#pragma omp parallel if (!omp_in_parallel() && numZ > 1)
+  failure.guard([&] {
+    SectionBuffer buffer(numRows, numCols);
+    RegionScratch scratch;
+    for (;;) {
+      int z = 0;
+      {
+        const std::lock_guard<std::mutex> lock(library);
+        z = next++;
+        if (z >= numZ) return;
+        readFocusSection(stream, z, channel, time, buffer);
       }
-      RegionScratch scratch;
-#pragma omp for schedule(dynamic, 1) nowait
       for (int region = 0; region < numRegions; ++region) {
-        failure.guard([&] {
-          contrast[region] = regionContrast(current.rows.data(), numRows, numCols, rowDivisions,
-                                            columnDivisions, region, scratch);
-        });
+        contrast[z * stride + region] = regionContrast(
+            buffer.rows.data(), numRows, numCols, rowDivisions, columnDivisions, region, scratch);
       }
     }
-    failure.rethrow();
-    for (int region = 0; region < numRegions; ++region) series[region].push_back(contrast[region]);
-  }
+  });
+  failure.rethrow();
 
   std::vector<int> votes;
-  for (const auto& [region, values] : series) {
-    votes.push_back(values.empty() ? 0 : positionOfMaximum(values));
+  std::vector<double> series(std::max(numZ, 0));
+  for (int region = 0; region < numRegions; ++region) {
+    for (int z = 0; z < numZ; ++z) series[z] = contrast[z * stride + region];
+    votes.push_back(numZ > 0 ? positionOfMaximum(series) : 0);
   }
   return trimmedMeanVote(votes);
 }
