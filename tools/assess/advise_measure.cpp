@@ -21,15 +21,20 @@ constexpr int kFocusDivisions = 4;
 
 // Candidates closer than this to each other are one spot: the pixels of a
 // flat top, or two maxima of one blob.
-constexpr int kSameSpotPixels = 3;
+constexpr int kSameSpotPixels = 8;
 
-// Half width of the window whose moments give a spot's centre; it holds a
-// kept blob and its moat of zeros.
-constexpr int kCentreHalfWidth = 4;
+// Half width of the window whose moments give a spot's centre: three
+// sigmas of the widest in-focus spots (about 2.6 pixels in the far red).
+constexpr int kCentreHalfWidth = 8;
+
+// More candidates than one per this many pixels means the degenerate case in
+// which every pixel is one.
+constexpr int kDegenerateShare = 64;
 
 // A more general model is advised only when it moves some pair by more than
-// this; below it the difference is lost in the localisation noise.
-constexpr double kModelGainPx = 0.1;
+// this: window moments of wide spots wander by a tenth of a pixel, and the
+// more general fits of calibration are the less robust ones.
+constexpr double kModelGainPx = 0.25;
 // Fewer pairs than this cannot tell a second-order field from noise.
 constexpr int kMinPairsForModel = 24;
 
@@ -57,43 +62,77 @@ double median(std::vector<double> values) {
   return values[mid];
 }
 
-// Spot centres of candidate lists, grouped: one entry per spot.
+// A spot of a prepared section: its first candidate in raster order.
 struct Candidate {
   int row, col;
 };
 
-std::vector<Candidate> spotsOf(double** rows, int numRows, int numCols) {
+// Candidates bucketed on a grid of cells as wide as the capture window, so
+// that the spots near a position are found among nine cells.
+class SpotGrid {
+ public:
+  SpotGrid(int numRows, int numCols)
+      : cellCols_(numCols / kCell + 1), cells_(static_cast<std::size_t>(numRows / kCell + 1) *
+                                               static_cast<std::size_t>(numCols / kCell + 1)) {}
+  void add(const Candidate& c) { cells_[cellOf(c.row, c.col)].push_back(c); }
+  // The spots within `reach` of (row, col) on both axes.
+  std::vector<Candidate> near(int row, int col, int reach) const {
+    std::vector<Candidate> found;
+    const int cr = row / kCell, cc = col / kCell;
+    for (int r = cr - 1; r <= cr + 1; ++r) {
+      for (int c = cc - 1; c <= cc + 1; ++c) {
+        if (r < 0 || c < 0 || c >= cellCols_) continue;
+        const std::size_t cell = static_cast<std::size_t>(r) * cellCols_ + c;
+        if (cell >= cells_.size()) continue;
+        for (const Candidate& s : cells_[cell])
+          if (std::abs(s.row - row) <= reach && std::abs(s.col - col) <= reach) found.push_back(s);
+      }
+    }
+    return found;
+  }
+
+ private:
+  static constexpr int kCell = kSpotSearchHalfWidth + 1;
+  std::size_t cellOf(int row, int col) const {
+    return static_cast<std::size_t>(row / kCell) * cellCols_ + col / kCell;
+  }
+  int cellCols_;
+  std::vector<std::vector<Candidate>> cells_;
+};
+
+// The spots of a prepared section, candidates within kSameSpotPixels of an
+// earlier one merged into it. `*candidates` receives the raw count.
+std::vector<Candidate> spotsOf(double** rows, int numRows, int numCols, SpotGrid* grid,
+                               int* candidates) {
   std::vector<int> r, c;
   findSpotCandidates(rows, numRows, numCols, r, c);
+  *candidates = static_cast<int>(r.size());
   std::vector<Candidate> spots;
+  // With nothing bright inside the border every pixel is a candidate and
+  // none is a spot: calibration then fits noise everywhere.
+  if (r.size() > static_cast<std::size_t>(numRows) * numCols / kDegenerateShare) return spots;
   for (std::size_t k = 0; k < r.size(); ++k) {
-    const bool seen = std::any_of(spots.begin(), spots.end(), [&](const Candidate& s) {
-      return std::abs(s.row - r[k]) <= kSameSpotPixels && std::abs(s.col - c[k]) <= kSameSpotPixels;
-    });
-    if (!seen) spots.push_back({r[k], c[k]});
+    if (!grid->near(r[k], c[k], kSameSpotPixels).empty()) continue;
+    spots.push_back({r[k], c[k]});
+    grid->add(spots.back());
   }
   return spots;
 }
 
-// The spots of `spots` inside the capture window of (row, col).
-std::vector<const Candidate*> inWindow(const std::vector<Candidate>& spots, int row, int col) {
-  std::vector<const Candidate*> found;
-  for (const Candidate& s : spots) {
-    if (std::abs(s.row - row) <= kSpotSearchHalfWidth &&
-        std::abs(s.col - col) <= kSpotSearchHalfWidth)
-      found.push_back(&s);
-  }
-  return found;
-}
-
-// Centre (x, y) of the spot at (row, col) from the moments of its window.
-void centreOf(double** rows, int numRows, int numCols, const Candidate& s, double* x, double* y) {
+// Centre (x, y) of the spot at (row, col): moments of the section's own
+// pixels over the image mean in a window around it. The prepared section
+// would pull the centre to the window's middle through its level field.
+void centreOf(const std::vector<double>& plane, double mean, int numRows, int numCols,
+              const Candidate& s, double* x, double* y) {
   const int r0 = std::max(s.row - kCentreHalfWidth, 0);
   const int r1 = std::min(s.row + kCentreHalfWidth, numRows - 1);
   const int c0 = std::max(s.col - kCentreHalfWidth, 0);
   const int c1 = std::min(s.col + kCentreHalfWidth, numCols - 1);
   std::vector<double> window;
-  for (int r = r0; r <= r1; ++r) window.insert(window.end(), rows[r] + c0, rows[r] + c1 + 1);
+  for (int r = r0; r <= r1; ++r) {
+    for (int c = c0; c <= c1; ++c)
+      window.push_back(std::max(0.0, plane[static_cast<std::size_t>(r) * numCols + c] - mean));
+  }
   double moments[5];
   calculateCenterOfMass(window.data(), r1 - r0 + 1, c1 - c0 + 1, moments);
   *y = r0 + moments[0] - 1.0;  // moments count from 1
@@ -232,21 +271,24 @@ Pairing pairCandidates(const std::vector<double>& reference, const std::vector<d
   prepareFocusImage(preparedChannel.data(), numRows, numCols);
   std::vector<double*> refRows = rowPointers(preparedRef, numRows, numCols);
   std::vector<double*> channelRows = rowPointers(preparedChannel, numRows, numCols);
-  const std::vector<Candidate> refSpots = spotsOf(refRows.data(), numRows, numCols);
-  const std::vector<Candidate> channelSpots = spotsOf(channelRows.data(), numRows, numCols);
-
+  SpotGrid refGrid(numRows, numCols), channelGrid(numRows, numCols);
+  int unused = 0;
   Pairing pairing;
-  pairing.candidates = static_cast<int>(refSpots.size());
+  const std::vector<Candidate> refSpots =
+      spotsOf(refRows.data(), numRows, numCols, &refGrid, &pairing.candidates);
+  spotsOf(channelRows.data(), numRows, numCols, &channelGrid, &unused);
+
+  const double refMean = imageMean(reference), channelMean = imageMean(channel);
   for (const Candidate& s : refSpots) {
     // Pass 1 fits both images at the reference's position: a pair is sound
     // only when that window holds this spot alone in both.
-    const auto own = inWindow(refSpots, s.row, s.col);
-    const auto partner = inWindow(channelSpots, s.row, s.col);
+    const auto own = refGrid.near(s.row, s.col, kSpotSearchHalfWidth);
+    const auto partner = channelGrid.near(s.row, s.col, kSpotSearchHalfWidth);
     if (own.size() != 1 || partner.size() != 1) continue;
     ++pairing.usable;
     CentrePair p{};
-    centreOf(refRows.data(), numRows, numCols, s, &p.refX, &p.refY);
-    centreOf(channelRows.data(), numRows, numCols, *partner.front(), &p.x, &p.y);
+    centreOf(reference, refMean, numRows, numCols, s, &p.refX, &p.refY);
+    centreOf(channel, channelMean, numRows, numCols, partner.front(), &p.x, &p.y);
     pairing.centres.push_back(p);
   }
   return pairing;
