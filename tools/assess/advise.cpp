@@ -4,6 +4,7 @@
 // the counts behind the choice and the calibration command line.
 #include "tools/assess/advise.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -34,6 +35,11 @@ constexpr int kNumThresholds = sizeof kThresholds / sizeof kThresholds[0];
 // are taken as equal; among them the lowest wins, since larger blobs give
 // the spot fit more of each profile.
 constexpr double kNearBestShare = 0.98;
+
+// The percentile's level must stand this many noise sigmas over the
+// background: lower, the blobs' edges follow the noise, not the spots, and
+// the spot fits on the cleaned section wander.
+constexpr double kMinLevelOverNoise = 2.0;
 
 // A channel that pairs less than this share of the reference's candidates
 // is worth a warning: the rest can only add outliers to the first pass.
@@ -85,6 +91,7 @@ std::vector<Channel> readFocusSections(const std::string& path, const assess::St
     getFocusImagePerChannel(kStream, w, 0, info.numZ, info.numRows, info.numCols,
                             kFocusDivisions, kFocusDivisions, section.data(), &c.focus);
     c.plane.assign(section.begin(), section.end());
+    assess::backgroundAndNoise(section.data(), section.size(), &c.background, &c.noise);
   }
   IMClose(kStream);
   return channels;
@@ -96,6 +103,7 @@ struct Sweep {
   std::vector<BlobCounts> counts;
   std::vector<Pairing> pairings;  // empty entry at the reference
   int leastUsable = 0;
+  double lowestLevel = 1e300;  // of levelOverNoise over the channels
 };
 
 Sweep measureAt(double threshold, const std::vector<Channel>& channels, int reference,
@@ -105,7 +113,8 @@ Sweep measureAt(double threshold, const std::vector<Channel>& channels, int refe
   sweep.threshold = threshold;
   sweep.leastUsable = -1;
   for (std::size_t c = 0; c < channels.size(); ++c) {
-    sweep.counts.push_back(countBlobs(channels[c].plane, numRows, numCols));
+    sweep.counts.push_back(countBlobs(channels[c], numRows, numCols));
+    sweep.lowestLevel = std::min(sweep.lowestLevel, sweep.counts.back().levelOverNoise);
     if (static_cast<int>(c) == reference) {
       sweep.pairings.emplace_back();
       continue;
@@ -119,13 +128,20 @@ Sweep measureAt(double threshold, const std::vector<Channel>& channels, int refe
   return sweep;
 }
 
-// The lowest threshold whose least usable count is near the best one.
+// The lowest threshold whose least usable count is near the best one, among
+// those whose level stands clear of the noise in every channel (all of them
+// when none does).
 int chooseThreshold(const std::vector<Sweep>& sweeps) {
+  const bool anyClear = std::any_of(sweeps.begin(), sweeps.end(), [](const Sweep& s) {
+    return s.lowestLevel >= kMinLevelOverNoise && s.leastUsable > 0;
+  });
+  auto eligible = [&](const Sweep& s) { return !anyClear || s.lowestLevel >= kMinLevelOverNoise; };
   int best = 0;
-  for (const Sweep& s : sweeps) best = std::max(best, s.leastUsable);
+  for (const Sweep& s : sweeps)
+    if (eligible(s)) best = std::max(best, s.leastUsable);
   int chosen = 0;
   for (int k = 0; k < static_cast<int>(sweeps.size()); ++k) {
-    if (sweeps[k].leastUsable >= kNearBestShare * best) chosen = k;
+    if (eligible(sweeps[k]) && sweeps[k].leastUsable >= kNearBestShare * best) chosen = k;
   }
   return chosen;
 }
@@ -139,13 +155,13 @@ void printSweep(const std::vector<Sweep>& sweeps, const std::vector<Channel>& ch
   std::printf("threshold  candidates");
   for (std::size_t c = 0; c < channels.size(); ++c)
     if (static_cast<int>(c) != reference) std::printf("  %4.0f nm", channels[c].wavelength);
-  std::printf("   least\n");
+  std::printf("   least  level/noise\n");
   for (int k = 0; k < static_cast<int>(sweeps.size()); ++k) {
     const Sweep& s = sweeps[k];
     std::printf("%9.3f  %10d", s.threshold, s.pairings[reference == 0 ? 1 : 0].candidates);
     for (std::size_t c = 0; c < channels.size(); ++c)
       if (static_cast<int>(c) != reference) std::printf("  %7d", s.pairings[c].usable);
-    std::printf("  %6d%s\n", s.leastUsable, k == chosen ? "   <- advised" : "");
+    std::printf("  %6d  %11.1f%s\n", s.leastUsable, s.lowestLevel, k == chosen ? "   <- advised" : "");
   }
 }
 
@@ -154,12 +170,13 @@ void printCounts(const Sweep& s, const std::vector<Channel>& channels, const cha
               s.threshold, label);
   std::printf(
       "channel  wave  focus   kept  too small  too large  in border  empty regions"
-      "  peak over mean: median  lowest\n");
+      "  peak over mean: median  lowest  level/noise\n");
   for (std::size_t c = 0; c < channels.size(); ++c) {
     const BlobCounts& b = s.counts[c];
-    std::printf("%7zu  %4.0f  %5d  %5d  %9d  %9d  %9d  %13d  %22.1f  %6.1f\n", c,
+    std::printf("%7zu  %4.0f  %5d  %5d  %9d  %9d  %9d  %13d  %22.1f  %6.1f  %11.1f\n", c,
                 channels[c].wavelength, channels[c].focus, b.kept, b.tooSmall, b.tooLarge,
-                b.inBorder, b.emptyRegions, b.medianPeakOverMean, b.lowestPeakOverMean);
+                b.inBorder, b.emptyRegions, b.medianPeakOverMean, b.lowestPeakOverMean,
+                b.levelOverNoise);
   }
 }
 

@@ -31,6 +31,7 @@ struct BlobCounts {
   int emptyRegions = 0;          // focus-search regions holding no kept blob
   double medianPeakOverMean = 0;  // brightness of the kept blobs' peaks over the image mean
   double lowestPeakOverMean = 0;
+  double levelOverNoise = 0;  // the percentile's level over the background, in noise sigmas
 };
 
 // One channel's focus section, as calibration reads and widens it.
@@ -38,6 +39,7 @@ struct Channel {
   float wavelength = 0.0f;
   int focus = 0;
   std::vector<double> plane;  // numRows x numCols, row-major
+  double background = 0.0, noise = 0.0;  // median and robust sigma of the plane
 };
 
 // A pair of spot centres, reference and channel, in pixels (x column, y row).
@@ -53,9 +55,9 @@ struct Pairing {
   std::vector<CentrePair> centres;
 };
 
-// Blob counts of `plane` under the cleaning rules at the gridThreshold in
-// force (the global of the settings).
-BlobCounts countBlobs(const std::vector<double>& plane, int numRows, int numCols);
+// Blob counts of the channel's plane under the cleaning rules at the
+// gridThreshold in force (the global of the settings).
+BlobCounts countBlobs(const Channel& channel, int numRows, int numCols);
 
 // Cleans both planes as calibration does and counts the reference's
 // candidates whose capture window holds exactly one spot of each image.

@@ -225,11 +225,13 @@ double largestChange(const std::vector<CentrePair>& a, const std::vector<CentreP
 
 }  // namespace
 
-BlobCounts countBlobs(const std::vector<double>& plane, int numRows, int numCols) {
+BlobCounts countBlobs(const Channel& channel, int numRows, int numCols) {
+  const std::vector<double>& plane = channel.plane;
   BlobCounts counts;
   const double mean = imageMean(plane);
   std::vector<double> sorted = plane;
   const double threshold = percentileValue(sorted, gridThreshold);
+  counts.levelOverNoise = channel.noise > 0.0 ? (threshold - channel.background) / channel.noise : 0.0;
   std::vector<char> bright(plane.size());
   for (std::size_t i = 0; i < plane.size(); ++i) bright[i] = plane[i] > threshold;
   std::vector<std::vector<int>> blobs;
