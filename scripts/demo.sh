@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The demo: builds Corvane and its tools, makes a synthetic calibration target
-# and specimen whose channels are misregistered by a known amount, calibrates
-# on the target, corrects both stacks, and measures the registration before
-# and after with an assessment that shares no code with the calibration.
+# and specimen whose channels are misregistered by a known amount, asks
+# corvane-assess for advice, calibrates on the target as advised, corrects both
+# stacks, and measures the registration before and after with an assessment
+# that shares no code with the calibration.
 #
 #   scripts/demo.sh                  moderate stacks (a minute or two)
 #   scripts/demo.sh --small          tiny stacks, for CI
@@ -72,11 +73,16 @@ t=$(date +%s)
 "$synth" --seed "$seed" "${synth_size[@]}" "$out"
 echo "($(elapsed "$t"))"
 
-step "Calibrating on the target"
+step "Advice before calibrating"
+"$assess" --advise "$out/target.qf" | tee "$out/advice.txt"
+# The options of the advised command line, after the target and output paths.
+advised=($(sed -n 's/^corvane calibration [^ ]* [^ ]* *//p' "$out/advice.txt"))
+
+step "Calibrating on the target with the advised options: ${advised[*]:-(none)}"
 t=$(date +%s)
 params="$out/recovered.txt"
 calibrated=0
-if "$corvane" calibration "$out/target.qf" "$params" >"$out/calibration.log" 2>&1 &&
+if "$corvane" calibration "$out/target.qf" "$params" "${advised[@]}" >"$out/calibration.log" 2>&1 &&
    [[ -s "$params" ]]; then
   calibrated=1
   echo "corvane calibration wrote $params ($(elapsed "$t")); log in $out/calibration.log"
@@ -113,7 +119,7 @@ if ((calibrated)); then
   mapping=$("$assess" --params "$params" --truth "$out/truth.json" --summary)
   printf 'recovered mapping against the truth: %s px RMS over the field\n' \
     "$(field mapping_rms_px "$mapping")"
-  echo "parameters: measured by corvane calibration ($params)"
+  echo "parameters: measured by corvane calibration with ${advised[*]:-its defaults} ($params)"
 else
   echo "parameters: the TRUE parameter file (calibration produced none)"
 fi

@@ -13,10 +13,6 @@
 
 namespace {
 
-// Candidates keep this far from every edge, so that the search and fit
-// windows of the reference spot lie inside the image.
-constexpr int kBorder = 30;
-
 // The reference's pixels above the gridThreshold percentile, inside the
 // border, at their own places in a block of zeros.
 std::vector<double> brightInterior(double** reference, int numRows, int numCols) {
@@ -29,8 +25,8 @@ std::vector<double> brightInterior(double** reference, int numRows, int numCols)
   const double threshold = percentileValue(block, gridThreshold);
 
   std::fill(block.begin(), block.end(), 0.0);
-  for (int r = kBorder; r <= numRows - kBorder - 1; ++r) {
-    for (int c = kBorder; c <= numCols - kBorder - 1; ++c) {
+  for (int r = kCandidateBorder; r <= numRows - kCandidateBorder - 1; ++r) {
+    for (int c = kCandidateBorder; c <= numCols - kCandidateBorder - 1; ++c) {
       if (reference[r][c] > threshold)
         block[static_cast<std::size_t>(r) * numCols + c] = reference[r][c];
     }
@@ -40,9 +36,8 @@ std::vector<double> brightInterior(double** reference, int numRows, int numCols)
 
 }  // namespace
 
-void findCorrespondencePoint(double** image, double** reference, int numRows, int numCols,
-                             std::vector<CorvanePoint2D>& imagePoints,
-                             std::vector<CorvanePoint2D>& referencePoints) {
+void findSpotCandidates(double** reference, int numRows, int numCols,
+                        std::vector<int>& candidateRows, std::vector<int>& candidateCols) {
   if (numRows <= 0 || numCols <= 0) return;
   std::vector<double> block = brightInterior(reference, numRows, numCols);
   std::vector<char> flags(block.size());
@@ -50,7 +45,6 @@ void findCorrespondencePoint(double** image, double** reference, int numRows, in
 
   // Raster order: by row, then by column. With nothing bright inside the
   // border every pixel stays flagged and is tried; that is how it is meant.
-  std::vector<int> candidateRows, candidateCols;
   for (int r = 0; r < numRows; ++r) {
     for (int c = 0; c < numCols; ++c) {
       if (flags[static_cast<std::size_t>(r) * numCols + c] == 1) {
@@ -59,6 +53,14 @@ void findCorrespondencePoint(double** image, double** reference, int numRows, in
       }
     }
   }
+}
+
+void findCorrespondencePoint(double** image, double** reference, int numRows, int numCols,
+                             std::vector<CorvanePoint2D>& imagePoints,
+                             std::vector<CorvanePoint2D>& referencePoints) {
+  if (numRows <= 0 || numCols <= 0) return;
+  std::vector<int> candidateRows, candidateCols;
+  findSpotCandidates(reference, numRows, numCols, candidateRows, candidateCols);
 
   // Every candidate is fitted in both images on its own; the pairs are then
   // taken in candidate order, so the lists do not depend on the threads.

@@ -15,11 +15,6 @@
 
 namespace {
 
-// Blob sizes, in pixels, that a spot may have after thresholding: smaller
-// blobs are noise, larger ones are debris or out-of-focus haze.
-constexpr int kMinSpotPixels = 16;
-constexpr int kMaxSpotPixels = 299;
-
 bool isNan(double v) {
   return v != v;
 }

@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr int kSearchHalfWidth = 15;  // pixels to each side of the given position
 constexpr int kFitHalfWidth = 9;      // pixels to each side of the brightest pixel
 constexpr double kNoPeak = -1.0;      // the peak search only takes pixels above this
 
@@ -162,10 +161,10 @@ int nonLinearLeastSquareOptimizationGaussianTwoDimension(double* x, double* fvec
 int fitPoint(double** image, int numRows, int numCols, int row, int col, double* outRow,
              double* outCol) {
   // Brightest pixel of the search window; the first in raster order wins.
-  const int searchRowStart = std::max(row - kSearchHalfWidth, 0);
-  const int searchRowEnd = std::min(row + kSearchHalfWidth, numRows - 1);
-  const int searchColStart = std::max(col - kSearchHalfWidth, 0);
-  const int searchColEnd = std::min(col + kSearchHalfWidth, numCols - 1);
+  const int searchRowStart = std::max(row - kSpotSearchHalfWidth, 0);
+  const int searchRowEnd = std::min(row + kSpotSearchHalfWidth, numRows - 1);
+  const int searchColStart = std::max(col - kSpotSearchHalfWidth, 0);
+  const int searchColEnd = std::min(col + kSpotSearchHalfWidth, numCols - 1);
   double best = kNoPeak;
   int peakRow = -1, peakCol = -1;
   for (int r = searchRowStart; r <= searchRowEnd; ++r) {

@@ -4,13 +4,6 @@
 #include <cstddef>
 #include <vector>
 
-// The value at position floor(n * fraction) of `values` in ascending order,
-// the product taken in double. Reorders `values`. A position at or past the
-// end (a fraction of 1.0 or more) or a NaN one takes the largest value, so
-// that nothing is strictly above the result; a negative position takes the
-// smallest. NaN values order after all numbers. `values` must not be empty.
-double percentileValue(std::vector<double>& values, double fraction);
-
 // Sorts ascending with NaN values moved behind all numbers, so that the
 // ordering stays a strict weak one whatever the pixels hold.
 void sortAscendingNanLast(std::vector<double>& values);

@@ -52,6 +52,19 @@ void histgram(std::vector<double>& data, int numBins, std::vector<double>& binCe
 // Spot detection
 // ---------------------------------------------------------------------------
 
+// Blob sizes, in pixels, that a spot may have after thresholding: smaller
+// blobs are noise, larger ones are debris or out-of-focus haze.
+constexpr int kMinSpotPixels = 16;
+constexpr int kMaxSpotPixels = 299;
+
+// The value at position floor(n * fraction) of `values` in ascending order,
+// the product taken in double: the gridThreshold percentile. Reorders
+// `values`. A position at or past the end (a fraction of 1.0 or more) or a NaN
+// one takes the largest value, so that nothing is strictly above the result;
+// a negative position takes the smallest. NaN values order after all numbers.
+// `values` must not be empty.
+double percentileValue(std::vector<double>& values, double fraction);
+
 // Cleans a focus section in place so that bright spots of 16 to 299 pixels
 // stand alone in a moat of zeros on a field at the image mean. Reads the
 // global gridThreshold.
@@ -89,6 +102,10 @@ struct GaussianTwoDimensionData {
   int numCols;
 };
 
+// Pixels to each side of a given position in which the fit looks for the
+// brightest pixel: the capture range of a pair.
+constexpr int kSpotSearchHalfWidth = 15;
+
 // Refines (row, col) to the sub-pixel centre of the brightest spot within 15
 // pixels. Returns 0 and sets *outRow, *outCol in whole-image coordinates, or
 // returns 1 and leaves them unchanged after a solver failure or when no peak
@@ -117,6 +134,17 @@ int nonLinearLeastSquareOptimizationGaussianTwoDimension(double* x, double* fvec
 // ---------------------------------------------------------------------------
 // Point correspondence
 // ---------------------------------------------------------------------------
+
+// Candidates keep this far from every edge, so that the search and fit
+// windows of the reference spot lie inside the image.
+constexpr int kCandidateBorder = 30;
+
+// Appends the spot candidates of a prepared section to the two lists, in
+// raster order: the regional maxima of the pixels above the gridThreshold
+// percentile, kCandidateBorder pixels or more from every edge. With nothing
+// bright inside the border every pixel is a candidate.
+void findSpotCandidates(double** reference, int numRows, int numCols,
+                        std::vector<int>& candidateRows, std::vector<int>& candidateCols);
 
 // Appends matched sub-pixel spot positions: entry i of imagePoints and of
 // referencePoints is the same spot. Candidates are the regional maxima above

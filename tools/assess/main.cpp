@@ -8,6 +8,7 @@
 #include <fstream>
 #include <string>
 
+#include "tools/assess/advise.h"
 #include "tools/common/assess.h"
 #include "tools/common/cli.h"
 
@@ -41,7 +42,12 @@ void printHelp() {
       "  --json              JSON instead of tables\n"
       "  --summary           one line of pooled figures over all non-reference channels:\n"
       "                      rms_px= p95_px= rms_nm= pairs= (and mapping_rms_px= with --params)\n"
-      "  --help              this text\n");
+      "  --help              this text\n"
+      "\n"
+      "corvane-assess --advise TARGET [-referenceChannelIndex N] runs the calibration's own\n"
+      "focus search and spot detection on a target before calibrating: per channel the blobs\n"
+      "kept and erased at each -gridThreshold, the spots the first pass can pair, and the\n"
+      "advised 'corvane calibration' command line.\n");
 }
 
 [[noreturn]] void fail(const std::string& message) {
@@ -136,6 +142,7 @@ double pooledMappingRms(const std::vector<assess::MappingReport>& reports) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (advise::requested(argc, argv)) return advise::run(argc, argv);
   Run run = parseCommandLine(argc, argv);
   nlohmann::json truth;
   if (!run.truthPath.empty()) {
