@@ -145,10 +145,12 @@ std::string vectorFigure(const std::string& label, const ChannelReport& r, const
                 kSideMargin, r.error.rmsPx, r.error.p95Px, r.pairs);
   out += format("<rect class=\"frame\" x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\"/>\n",
                 kSideMargin, kTopMargin, width, height);
+  bool anyLarge = false;
   for (size_t i = 0; i < r.positions.size(); ++i) {
     const CorvanePoint2D p = r.positions[i], d = r.displacements[i];
     const double x = kSideMargin + (p.x + 0.5) * scale, y = kTopMargin + (p.y + 0.5) * scale;
     const bool large = std::hypot(d.x, d.y) > r.error.p95Px;
+    anyLarge = anyLarge || large;
     out += format(
         "<line class=\"%s\" x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\"/>"
         "<circle class=\"%s\" cx=\"%.1f\" cy=\"%.1f\" r=\"2.5\" data-x=\"%.1f\" data-y=\"%.1f\" "
@@ -159,9 +161,9 @@ std::string vectorFigure(const std::string& label, const ChannelReport& r, const
   const double barY = kTopMargin + height + 20.0;
   out += format("<line class=\"bar\" x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\"/>\n",
                 kSideMargin, barY, kSideMargin + bar * magnification * scale, barY);
-  out +=
-      format("<text x=\"%.1f\" y=\"%.1f\">%g px = %g nm; red: above the 95th percentile</text>\n",
-             kSideMargin, barY + 14.0, bar, bar * info.spacing[0] * kNmPerMicrometre);
+  out += format("<text x=\"%.1f\" y=\"%.1f\">%g px = %g nm%s</text>\n", kSideMargin, barY + 14.0,
+                bar, bar * info.spacing[0] * kNmPerMicrometre,
+                anyLarge ? "; red: longer than the 95th percentile" : "");
   return out + "</svg>\n";
 }
 
