@@ -131,7 +131,8 @@ std::string stackLine(const std::string& path, const StackInfo& info) {
 std::string vectorFigure(const std::string& label, const ChannelReport& r, const StackInfo& info) {
   const double scale = kFieldSize / std::max(info.numCols, info.numRows);
   const double width = info.numCols * scale, height = info.numRows * scale;
-  const double spotDistance = std::sqrt(double(info.numCols) * info.numRows / std::max(r.pairs, 1));
+  const double spotDistance =
+      std::sqrt(static_cast<double>(info.numCols) * info.numRows / std::max(r.pairs, 1));
   const double typical = r.error.p95Px > 0.0 ? r.error.p95Px : 1.0;
   const double magnification = roundDown(kVectorReach * spotDistance / typical);
   const double bar =
@@ -251,15 +252,11 @@ std::string modelTable(const ModelReport& m) {
   return out + "</table>\n";
 }
 
-// The channel's rows of every table of the text report, then its figures.
-std::string channelSection(const HtmlReport& report, int index) {
+// The channel's rows of every table of the text report.
+std::string channelTables(const HtmlReport& report, int index) {
   const ChannelReport& after = report.after[index];
   const bool haveBefore = !report.before.empty();
-  const bool isReference = index == report.options.reference;
-  std::string out = format("<section id=\"channel-%d\">\n<h2>%s %d &#183; %d nm</h2>\n", index,
-                           isReference ? "Reference channel" : "Channel", index,
-                           static_cast<int>(after.wavelength));
-  out += "<table><caption>Registration against the reference channel</caption>\n";
+  std::string out = "<table><caption>Registration against the reference channel</caption>\n";
   out += tableRow("",
                   headings({"focus", "dz", "spots", "pairs", "rms px", "p95 px", "rms nm", "p95 nm",
                             "mean dx", "mean dy"}),
@@ -285,18 +282,30 @@ std::string channelSection(const HtmlReport& report, int index) {
     out += "</table>\n";
   }
   if (const ModelReport* m = findModel(report, index)) out += modelTable(*m);
-  if (!isReference) {
-    out += "<div class=\"figures\">\n";
-    if (haveBefore) {
-      out += vectorFigure(format("channel %d before correction", index), report.before[index],
-                          report.beforeInfo);
-    }
-    out +=
-        vectorFigure(format("channel %d %s", index, haveBefore ? "after correction" : "measured"),
-                     after, report.info);
-    out += histogramFigure(haveBefore ? "after correction" : "measured", after);
-    out += "</div>\n";
+  return out;
+}
+
+std::string channelFigures(const HtmlReport& report, int index) {
+  const ChannelReport& after = report.after[index];
+  const bool haveBefore = !report.before.empty();
+  std::string out = "<div class=\"figures\">\n";
+  if (haveBefore) {
+    out += vectorFigure(format("channel %d before correction", index), report.before[index],
+                        report.beforeInfo);
   }
+  out += vectorFigure(format("channel %d %s", index, haveBefore ? "after correction" : "measured"),
+                      after, report.info);
+  out += histogramFigure(haveBefore ? "after correction" : "measured", after);
+  return out + "</div>\n";
+}
+
+std::string channelSection(const HtmlReport& report, int index) {
+  const bool isReference = index == report.options.reference;
+  std::string out = format("<section id=\"channel-%d\">\n<h2>%s %d &#183; %d nm</h2>\n", index,
+                           isReference ? "Reference channel" : "Channel", index,
+                           static_cast<int>(report.after[index].wavelength));
+  out += channelTables(report, index);
+  if (!isReference) out += channelFigures(report, index);
   return out + "</section>\n";
 }
 
