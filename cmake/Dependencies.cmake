@@ -35,6 +35,11 @@ find_package(Threads REQUIRED)
 if(CORVANE_BUILD_TESTS)
   find_package(GTest QUIET)
   corvane_require(GTest_FOUND "GoogleTest" "libgtest-dev libgmock-dev")
+  find_package(PNG QUIET)
+  corvane_require(PNG_FOUND "libpng, to read screenshots in the tests" libpng-dev)
+  # The report test renders a page in it, and fails with a clear message if
+  # it is missing rather than being left out.
+  find_program(CORVANE_CHROMIUM NAMES chromium chromium-browser)
 endif()
 if(CORVANE_BUILD_BENCH)
   find_package(benchmark QUIET)

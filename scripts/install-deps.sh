@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   cmake g++ make
   libopenblas-serial-dev liblapacke-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libpng-dev chromium
   nlohmann-json3-dev
   clang-14 libclang-rt-14-dev
   time

@@ -11,6 +11,7 @@
 #include "tools/assess/advise.h"
 #include "tools/common/assess.h"
 #include "tools/common/cli.h"
+#include "tools/common/html_report.h"
 
 namespace {
 
@@ -33,9 +34,17 @@ void printHelp() {
       "                      misregistration at the paired spots and the localisation error\n"
       "                      of every channel's spots against their true positions (for the\n"
       "                      stack the truth describes, not a corrected one)\n"
-      "  --params FILE       recovered alignment parameter file: with --truth, reports the\n"
-      "                      RMS and largest difference between its mapping and the true one\n"
-      "                      over the whole field, and both Z offsets. STACK is then optional\n"
+      "  --params FILE       recovered alignment parameter file: its model in physical units\n"
+      "                      (magnification, rotation, shift in nm, Z offset); with --truth\n"
+      "                      also the true model, the RMS and largest difference between its\n"
+      "                      mapping and the true one over the whole field, and both Z\n"
+      "                      offsets. With --truth, STACK is optional\n"
+      "  --before STACK      the stack before correction, STACK being the corrected one: both\n"
+      "                      are measured, this one first, and --truth describes this one\n"
+      "  --html FILE         also write a self-contained HTML report: per channel the\n"
+      "                      displacement of every paired spot over the field (before and\n"
+      "                      after correction with --before), magnified as each figure says,\n"
+      "                      a histogram of their lengths, the tables above and the model\n"
       "  --reference C       reference channel (the truth's, else 0)\n"
       "  --time T            time point to measure (0)\n"
       "  --max-distance PX   largest distance of a pair (20)\n"
@@ -55,10 +64,23 @@ void printHelp() {
   std::exit(1);
 }
 
-enum OptionId { kTruth = 1000, kParams, kReference, kTime, kMaxDistance, kJson, kSummary, kHelp };
+enum OptionId {
+  kTruth = 1000,
+  kParams,
+  kBefore,
+  kHtml,
+  kReference,
+  kTime,
+  kMaxDistance,
+  kJson,
+  kSummary,
+  kHelp
+};
 
 const option kOptions[] = {{"truth", required_argument, nullptr, kTruth},
                            {"params", required_argument, nullptr, kParams},
+                           {"before", required_argument, nullptr, kBefore},
+                           {"html", required_argument, nullptr, kHtml},
                            {"reference", required_argument, nullptr, kReference},
                            {"time", required_argument, nullptr, kTime},
                            {"max-distance", required_argument, nullptr, kMaxDistance},
@@ -68,7 +90,7 @@ const option kOptions[] = {{"truth", required_argument, nullptr, kTruth},
                            {nullptr, 0, nullptr, 0}};
 
 struct Run {
-  std::string stack, truthPath, paramsPath;
+  std::string stack, truthPath, paramsPath, beforePath, htmlPath;
   assess::Options options;
   bool referenceGiven = false;
   bool json = false;
@@ -85,6 +107,12 @@ Run parseCommandLine(int argc, char** argv) {
         break;
       case kParams:
         run.paramsPath = optarg;
+        break;
+      case kBefore:
+        run.beforePath = optarg;
+        break;
+      case kHtml:
+        run.htmlPath = optarg;
         break;
       case kReference:
         run.options.reference = static_cast<int>(cli::parseNumber(kProgram, optarg, "reference"));
@@ -113,8 +141,10 @@ Run parseCommandLine(int argc, char** argv) {
   if (optind < argc) cli::usageError(kProgram, "give at most one STACK");
   if (run.stack.empty() && run.paramsPath.empty())
     cli::usageError(kProgram, "give a STACK or --params");
-  if (!run.paramsPath.empty() && run.truthPath.empty())
-    cli::usageError(kProgram, "--params needs --truth");
+  if (!run.paramsPath.empty() && run.truthPath.empty() && run.stack.empty())
+    cli::usageError(kProgram, "--params needs --truth or a STACK");
+  if ((!run.beforePath.empty() || !run.htmlPath.empty()) && run.stack.empty())
+    cli::usageError(kProgram, "--before and --html need a STACK");
   return run;
 }
 
@@ -139,6 +169,18 @@ double pooledMappingRms(const std::vector<assess::MappingReport>& reports) {
   return count > 0 ? std::sqrt(sumSq / count) : NAN;
 }
 
+// Measures the stack at `path`, or ends the process with the failure.
+void measure(const std::string& path, const assess::Options& options, const nlohmann::json* truth,
+             assess::StackInfo* info, std::vector<assess::ChannelReport>* reports) {
+  std::string error;
+  try {
+    error = assess::assessStack(path, options, truth, info, reports);
+  } catch (const nlohmann::json::exception& e) {
+    error = std::string("malformed ground truth: ") + e.what();
+  }
+  if (!error.empty()) fail(error);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -153,16 +195,23 @@ int main(int argc, char** argv) {
 
   nlohmann::json out;
   std::string text, summary;
+  // Everything measured, for the HTML report.
+  assess::HtmlReport figures{run.stack, run.beforePath, {}, {}, run.options, {}, {}, {}, {}};
+  if (!run.beforePath.empty()) {
+    measure(run.beforePath, run.options, truthPtr, &figures.beforeInfo, &figures.before);
+    out["before"] =
+        assess::reportsJson(run.beforePath, figures.beforeInfo, run.options, figures.before);
+    text += assess::formatReports(run.beforePath, figures.beforeInfo, run.options, figures.before);
+    text += "\n";
+    truthPtr = nullptr;  // the truth describes the stack before correction only
+  }
   if (!run.stack.empty()) {
-    assess::StackInfo info;
-    std::vector<assess::ChannelReport> reports;
-    std::string error;
-    try {
-      error = assess::assessStack(run.stack, run.options, truthPtr, &info, &reports);
-    } catch (const nlohmann::json::exception& e) {
-      error = std::string("malformed ground truth: ") + e.what();
+    assess::StackInfo& info = figures.info;
+    std::vector<assess::ChannelReport>& reports = figures.after;
+    measure(run.stack, run.options, truthPtr, &info, &reports);
+    if (!run.beforePath.empty() && figures.before.size() != reports.size()) {
+      fail(run.beforePath + " and " + run.stack + " have different channels");
     }
-    if (!error.empty()) fail(error);
     out["registration"] = assess::reportsJson(run.stack, info, run.options, reports);
     text += assess::formatReports(run.stack, info, run.options, reports);
     const assess::ErrorStats all =
@@ -176,20 +225,35 @@ int main(int argc, char** argv) {
     std::vector<std::vector<double>> rows;
     std::string error = assess::readParameterFile(run.paramsPath, &rows);
     if (!error.empty()) fail(error);
-    std::vector<assess::MappingReport> mappings;
+    std::vector<assess::MappingReport>& mappings = figures.mappings;
     try {
-      error = assess::compareMappings(rows, truth, &mappings);
+      if (!run.truthPath.empty()) error = assess::compareMappings(rows, truth, &mappings);
+      const std::vector<float> wavelengths =
+          run.truthPath.empty() ? figures.info.wavelengths
+                                : truth.at("stack").at("wavelengths").get<std::vector<float>>();
+      if (error.empty()) {
+        error = assess::modelReports(rows, wavelengths, run.truthPath.empty() ? nullptr : &truth,
+                                     &figures.models);
+      }
     } catch (const nlohmann::json::exception& e) {
       error = std::string("malformed ground truth: ") + e.what();
     }
     if (!error.empty()) fail(error);
-    out["mapping"] = assess::mappingsJson(mappings);
     if (!text.empty()) text += "\n";
-    text += assess::formatMappings(mappings);
-    char line[80];
-    std::snprintf(line, sizeof line, "%smapping_rms_px=%.4f", summary.empty() ? "" : " ",
-                  pooledMappingRms(mappings));
-    summary += line;
+    if (!run.truthPath.empty()) {
+      out["mapping"] = assess::mappingsJson(mappings);
+      text += assess::formatMappings(mappings) + "\n";
+      char line[80];
+      std::snprintf(line, sizeof line, "%smapping_rms_px=%.4f", summary.empty() ? "" : " ",
+                    pooledMappingRms(mappings));
+      summary += line;
+    }
+    out["model"] = assess::modelsJson(figures.models);
+    text += assess::formatModels(figures.models);
+  }
+  if (!run.htmlPath.empty()) {
+    const std::string error = assess::writeHtmlReport(run.htmlPath, figures);
+    if (!error.empty()) fail(error);
   }
 
   if (run.summary) {

@@ -94,7 +94,9 @@ struct ChannelReport {
   int trueZOffset = 0;
   int trueSpots = 0;  // true spots inside the section, for the detection rate
   // The vectors behind the figures: channel spot minus reference spot, and
-  // true displacement at the same reference spots.
+  // true displacement at the same reference spots; `positions` holds those
+  // reference spots, entry by entry.
+  std::vector<CorvanePoint2D> positions;
   std::vector<CorvanePoint2D> displacements;
   std::vector<CorvanePoint2D> trueDisplacements;
 };
@@ -126,6 +128,10 @@ struct MappingReport {
 // Reads a parameter file as numbers, 27 to a row; empty string or the
 // failure. Its own reader, so it never ends the process.
 std::string readParameterFile(const std::string& path, std::vector<std::vector<double>>* rows);
+
+// The row a correction run would take for `wavelength`: the first whose key
+// (the truncated wavelength) matches, the final row included; -1 when none.
+int parameterRowFor(const std::vector<std::vector<double>>& rows, float wavelength);
 
 // Compares the mappings of `rows` (as read) with the truth's over the field
 // of the truth's stack, on a grid of step kMappingGridStep pixels.

@@ -161,6 +161,7 @@ std::string assessStack(const std::string& path, const Options& options,
     const auto pairs = pairSpots(reference, spots[w], options.maxPairDistance);
     r.pairs = static_cast<int>(pairs.size());
     for (const auto& [a, b] : pairs) {
+      r.positions.push_back({reference[a].x, reference[a].y});
       r.displacements.push_back({spots[w][b].x - reference[a].x, spots[w][b].y - reference[a].y});
     }
     r.error = errorStats(r.displacements, info->spacing[0], info->spacing[1]);

@@ -10,19 +10,13 @@
 
 namespace assess {
 
-namespace {
-
-// The row a correction run would take for `wavelength`: the first whose key
-// matches, the final row included; -1 when none does.
-int rowFor(const std::vector<std::vector<double>>& rows, float wavelength) {
+int parameterRowFor(const std::vector<std::vector<double>>& rows, float wavelength) {
   const int key = static_cast<int>(wavelength);
   for (size_t i = 0; i < rows.size(); ++i) {
     if (static_cast<int>(rows[i][kSlotWavelength]) == key) return static_cast<int>(i);
   }
   return -1;
 }
-
-}  // namespace
 
 std::string readParameterFile(const std::string& path, std::vector<std::vector<double>>* rows) {
   FILE* file = std::fopen(path.c_str(), "r");
@@ -80,7 +74,7 @@ std::string compareMappings(const std::vector<std::vector<double>>& fileRows,
     r.wavelength = channel.at("wavelength").get<float>();
     r.trueShift = channel.at("zOffset").get<int>();
     const std::vector<double> p = channel.at("parameters").get<std::vector<double>>();
-    const int row = rowFor(rows, r.wavelength);
+    const int row = parameterRowFor(rows, r.wavelength);
     r.found = row >= 0;
     if (!r.found) {
       reports->push_back(r);
