@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <string>
 
 int calibration = 0;
 char* pathInputFileCalibrationQF = nullptr;
@@ -53,7 +54,9 @@ char* optionValue(int argc, char** argv, int index) {
 }
 
 // strtol with no end pointer, cut to 32 bits as the settings hold it.
-int parseInt(const char* text) { return static_cast<int>(strtol(text, nullptr, 10)); }
+int parseInt(const char* text) {
+  return static_cast<int>(strtol(text, nullptr, 10));
+}
 
 void parseCalibrationOptions(int argc, char** argv) {
   int i = 4;
@@ -117,12 +120,30 @@ void parseCorrectionOptions(int argc, char** argv) {
   }
 }
 
-// True when both paths exist and name one file: the same device and inode,
-// so that links and other spellings of a path are caught too.
+// The absolute spelling of a path: its folder resolved, links and all, and
+// its last name kept; empty when the folder cannot be resolved.
+std::string resolvedPath(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string folder =
+      slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+  char* real = realpath(folder.c_str(), nullptr);
+  if (real == nullptr) return "";
+  const std::string resolved = std::string(real) + "/" + path.substr(slash + 1);
+  free(real);
+  return resolved;
+}
+
+// True when both paths name one file: for files that exist, the same device
+// and inode, so that links and other spellings are caught; for a file not
+// yet written, the same resolved path.
 bool sameFile(const char* a, const char* b) {
+  if (a == nullptr || b == nullptr) return false;
   struct stat sa, sb;
-  if (a == nullptr || b == nullptr || stat(a, &sa) != 0 || stat(b, &sb) != 0) return false;
-  return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+  const bool aExists = stat(a, &sa) == 0, bExists = stat(b, &sb) == 0;
+  if (aExists && bExists) return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+  if (aExists || bExists) return false;
+  const std::string ra = resolvedPath(a);
+  return !ra.empty() && ra == resolvedPath(b);
 }
 
 struct NamedPath {
@@ -130,9 +151,10 @@ struct NamedPath {
   const char* name;
 };
 
-// Refuses a run whose output or status file is one of its inputs, before
-// anything is written: the start of a run truncates them and would destroy
-// the input.
+// Refuses a run in which a file it writes is also another of its files,
+// before anything is written: the start of a run truncates its outputs and
+// would destroy an input, and status records written over an output would
+// leave a file whose header disagrees with its data.
 void refuseOutputOverInput(std::initializer_list<NamedPath> outputs,
                            std::initializer_list<NamedPath> inputs) {
   for (const NamedPath& output : outputs) {
@@ -147,27 +169,29 @@ void refuseOutputOverInput(std::initializer_list<NamedPath> outputs,
 }  // namespace
 
 void printUsage(const char* programName) {
-  printf("usage (1): %s calibration \n"
-         "           pathQFInputFile \n"
-         "           pathAlignmentParameterOutputFile \n"
-         "           [ -doLinearModelFitting ]\n"
-         "           [ -doHighOrderModelFitting ]\n"
-         "           [ -referenceChannelIndex value ]\n"
-         "           [ -numIteration value ]\n"
-         "           [ -maxResidual value ]\n"
-         "           [ -gridThreshold value ]\n"
-         "           [ -statusFile pathStatusFile ]\n"
-         "           [ -help]\n",
-         programName);
+  printf(
+      "usage (1): %s calibration \n"
+      "           pathQFInputFile \n"
+      "           pathAlignmentParameterOutputFile \n"
+      "           [ -doLinearModelFitting ]\n"
+      "           [ -doHighOrderModelFitting ]\n"
+      "           [ -referenceChannelIndex value ]\n"
+      "           [ -numIteration value ]\n"
+      "           [ -maxResidual value ]\n"
+      "           [ -gridThreshold value ]\n"
+      "           [ -statusFile pathStatusFile ]\n"
+      "           [ -help]\n",
+      programName);
   printf("\n");
-  printf("usage (2): %s correction \n"
-         "           pathQFInputFile \n"
-         "           pathAlignmentParameterInputFile \n"
-         "           pathQFOutputFile \n"
-         "           [ -zShift value0:valueN ]\n"
-         "           [ -statusFile pathStatusFile ]\n"
-         "           [ -help]\n",
-         programName);
+  printf(
+      "usage (2): %s correction \n"
+      "           pathQFInputFile \n"
+      "           pathAlignmentParameterInputFile \n"
+      "           pathQFOutputFile \n"
+      "           [ -zShift value0:valueN ]\n"
+      "           [ -statusFile pathStatusFile ]\n"
+      "           [ -help]\n",
+      programName);
 }
 
 void validateArgument(int argc, char** argv) {
@@ -183,6 +207,8 @@ void validateArgument(int argc, char** argv) {
     refuseOutputOverInput({{pathOutputFileCalibrationTXT, "Alignment Parameter Output File"},
                            {pathStatusFile, "Status File"}},
                           {{pathInputFileCalibrationQF, "QF Input File"}});
+    refuseOutputOverInput({{pathStatusFile, "Status File"}},
+                          {{pathOutputFileCalibrationTXT, "Alignment Parameter Output File"}});
   } else if (strcmp(argv[1], "correction") == 0) {
     if (argc < kCorrectionMinArgs || argc > kCorrectionMaxArgs) usageAndExit(argv[0], 1);
     pathInputFileCorrectionQF = argv[2];
@@ -193,6 +219,8 @@ void validateArgument(int argc, char** argv) {
         {{pathOutputFileCorrectionQF, "QF Output File"}, {pathStatusFile, "Status File"}},
         {{pathInputFileCorrectionQF, "QF Input File"},
          {pathInputFileCorrectionTXT, "Alignment Parameter Input File"}});
+    refuseOutputOverInput({{pathStatusFile, "Status File"}},
+                          {{pathOutputFileCorrectionQF, "QF Output File"}});
   } else {
     usageAndExit(argv[0], 1);
   }

@@ -121,6 +121,11 @@ TEST_F(HostileInputTest, AnOutputThatIsAnInputIsRefusedBeforeAnythingIsWritten) 
        "Status File Is The Alignment Parameter Input File"},
       {{"calibration", "x.qf", "soft.qf"}, "Alignment Parameter Output File Is The QF Input File"},
       {{"calibration", "x.qf", "o.txt", "-statusFile", "x.qf"}, "Status File Is The QF Input File"},
+      // Files not written yet: the same path, however spelled.
+      {{"correction", "x.qf", "p.txt", "o.qf", "-statusFile", "./o.qf"},
+       "Status File Is The QF Output File"},
+      {{"calibration", "x.qf", "o.txt", "-statusFile", "o.txt"},
+       "Status File Is The Alignment Parameter Output File"},
   };
   for (const Case& c : cases) {
     const RunResult r = corvane(c.args);
