@@ -18,7 +18,7 @@
 #include "imsubs/imsubs.h"
 #include "model/model.h"
 #include "spots/spots.h"
-#include "tests/model/target_stack.h"
+#include "bench/target_stack.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "tests/trsolver/spot_models.h"
+#include "bench/spot_models.h"
 
 namespace {
 

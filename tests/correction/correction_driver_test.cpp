@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "bench/stack_writer.h"
 #include "imsubs/imsubs.h"
 #include "model/model.h"
-#include "support/stack_writer.h"
 #include "support/testutil.h"
 
 namespace {
@@ -163,17 +163,16 @@ TEST(CorrectionRunTest, ResamplesShiftsInZAndRecordsStatistics) {
     int outputSections;
     std::vector<ExpectedChannel> expected;
   };
+  // clang-format off
   const std::vector<Case> cases = {
       {kStack, {2, 1, 1, 0, 0, -1}, {}, 2, {{1, 0, 0}, {2, 2, 1}, {0, 0, 0}}},
       // 2.9 / 2.0 rounds half up to 1 section, -1.2 / 2.0 to -1; the file's
       // offsets are replaced altogether.
-      {kStack,
-       {2, 1, 5, -1, 3, 5},
-       {"-zShift", "0:2.9:-1.2"},
-       2,
+      {kStack, {2, 1, 5, -1, 3, 5}, {"-zShift", "0:2.9:-1.2"}, 2,
        {{1, 0, 0}, {2, 2, 1}, {0, -1, 3}}},
       {flat, {-3, 2, 4, 0, 0, -4}, {}, 1, {{0, 0, 0}, {0, -3, 2}, {0, 0, 0}}},
   };
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(&c - cases.data());
     testutil::ScratchDir dir;
@@ -202,32 +201,21 @@ TEST(CorrectionRunTest, FailuresStopBeforeAnyOutputExists) {
     std::string output = "out.qf";
     std::string errPart = "";  // a part of standard error, if any is asked for
   };
+  const std::string stopped = "\n\nCorrection Stopped\n";
+  // clang-format off
   const std::vector<Case> cases = {
-      {"no input stack", false, "", {}, "Can Not Open QF Input File\n\nCorrection Stopped\n"},
-      {"parameter file ending in a newline",
-       true,
-       "\n",
-       {},
-       "Invalid Alignment Parameter Input File\n\nCorrection Stopped\n"},
-      {"wavelength without a row",
-       true,
-       "no 700",
-       {},
-       "Alignment Parameter For Wavelength 700 Unavailable\n\nCorrection Stopped\n"},
-      {"too few -zShift values",
-       true,
-       "",
-       {"-zShift", "1:2"},
+      {"no input stack", false, "", {}, "Can Not Open QF Input File" + stopped},
+      {"parameter file ending in a newline", true, "\n", {},
+       "Invalid Alignment Parameter Input File" + stopped},
+      {"wavelength without a row", true, "no 700", {},
+       "Alignment Parameter For Wavelength 700 Unavailable" + stopped},
+      {"too few -zShift values", true, "", {"-zShift", "1:2"},
        "Number Of Channels In QF Input File: 3\nNumber Of Z Shift For Channels: 2\n"
-       "Different Number Of Channels\n\nCorrection Stopped\n"},
-      {"output that cannot be created",
-       true,
-       "",
-       {},
-       "Can Not Open QF Output File\n\nCorrection Stopped\n",
-       "no/such/out.qf",
-       "performcorrection: can not open qf output file. \n"},
+       "Different Number Of Channels" + stopped},
+      {"output that cannot be created", true, "", {}, "Can Not Open QF Output File" + stopped,
+       "no/such/out.qf", "performcorrection: can not open qf output file. \n"},
   };
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     testutil::ScratchDir dir;

@@ -1,17 +1,22 @@
-// The section transform: the cubic kernel against hand-computed values, and
-// the fast loop against the step-by-step reference, bit for bit, on models
-// and sizes that reach every pixel path and every clamp.
+// The section transform: the cubic kernel against hand-computed values, the
+// fast loop against the step-by-step reference, bit for bit, on models and
+// sizes that reach every pixel path and every clamp and on any number of
+// threads, and the section conversions against the casts.
 #include <gtest/gtest.h>
+#include <omp.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <vector>
 
 #include "correction/correction.h"
 #include "model/model.h"
 #include "reference_transform.h"
+#include "spots/spots.h"
 
 namespace {
 
@@ -117,8 +122,9 @@ TEST(ImageTransformTest, EmptySectionLeavesOutputUntouched) {
 }
 
 // The fast loop against the reference on models and sizes that reach every
-// path, every clamp and both ends of the range.
-TEST(ImageTransformTest, FastLoopMatchesReferenceBitForBit) {
+// path, every clamp and both ends of the range, on one and on several threads
+// (the larger sizes in rows that the blocks do not divide evenly).
+TEST(ImageTransformTest, FastLoopMatchesReferenceBitForBitOnAnyThreadCount) {
   struct Model {
     const char* name;
     Parameters p;
@@ -128,20 +134,27 @@ TEST(ImageTransformTest, FastLoopMatchesReferenceBitForBit) {
   Parameters high = params({20.0, 15.0, 1.001, 0.998, 0.002, -0.001, 0.3, -0.7});
   const double terms[12] = {0.1,  0.01,  1e-4,  -0.02, 2e-5, -1e-4,
                             -0.2, 0.003, -2e-4, 0.01,  1e-5, 3e-5};
-  std::copy(terms, terms + 12, high.begin() + 8);
+  std::copy(terms, terms + 12, high.begin() + kFirstHighOrderParameter);
+  const Parameters general = params({20.0, 15.0, 1.02, 0.97, 0.01, -0.02, 0.4, -0.3});
   const std::vector<Model> models = {
       {"radial identity", params({20.0, 15.0, 1.0}), 0, 0},
       {"radial turn and scale", params({21.5, 14.0, 1.01, 0.02, 0.75, -1.25}), 0, 0},
       {"radial, high-order ignored", high, 0, 1},
       {"radial upside down", params({10.0, 10.0, 1.0, 3.14159265358979, 0.0, 0.0}), 0, 0},
       {"linear identity", params({20.0, 15.0, 1.0, 1.0}), 1, 0},
-      {"linear general", params({20.0, 15.0, 1.02, 0.97, 0.01, -0.02, 0.4, -0.3}), 1, 0},
+      {"linear general", general, 1, 0},
       {"linear half shift X", params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, 0.5, 0.0}), 1, 0},
       {"linear half shift Y", params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, 0.0, -0.5}), 1, 0},
       {"linear half shift both", params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, -0.5, 0.5}), 1, 0},
       {"linear magnify", params({3.0, 3.0, 0.37, 0.41, 0.0, 0.0, 0.0, 0.0}), 1, 0},
       {"linear and high order", high, 1, 1},
       {"linear, high order off", high, 1, 0},
+      // All-zero high-order terms are skipped: the pixels must still be those
+      // that adding the zeros gives, inside, on the edges (-0.0 made +0.0)
+      // and far outside.
+      {"zero high-order terms", general, 1, 1},
+      {"zero terms, negative zeros", params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, -0.0, -0.0}), 1, 1},
+      {"zero terms, far outside", params({7.0, 6.0, 1e300, -1e300, 0.0, 0.0, 0.5, 0.5}), 1, 1},
       {"NaN centre", params({NAN, 1.0, 1.0, 1.0}), 1, 0},
       {"far outside", params({0.0, 0.0, 1.0, 1.0, 0.0, 0.0, 1e9, 0.0}), 1, 0},
       // Scale 0: every pixel from one point, a corner or a clamped edge.
@@ -149,19 +162,56 @@ TEST(ImageTransformTest, FastLoopMatchesReferenceBitForBit) {
       {"one column", params({0.0, 0.0, 0.0, 1.0, 0.0, 0.0, 8.0, 0.5}), 1, 0},
   };
   const std::pair<int, int> sizes[] = {{1, 1}, {1, 9},   {9, 1},   {2, 2},
-                                       {3, 4}, {17, 23}, {40, 31}, {128, 160}};
+                                       {3, 4}, {17, 23}, {40, 31}, {131, 151}};
+  const int defaultThreads = omp_get_max_threads();
   uint32_t seed = 1;
   for (const Model& m : models) {
     for (auto [numRows, numCols] : sizes) {
-      SCOPED_TRACE(testing::Message() << m.name << ", " << numRows << " x " << numCols);
       Section input = noise(numRows, numCols, seed++);
       Parameters p = m.p;
       Section expected(numRows, numCols, -5.0);
       reference::imageTransform(input.rows.data(), p.data(), numRows, numCols, m.linearFlag,
                                 m.highOrderFlag, expected.rows.data());
-      EXPECT_TRUE(sameBits(transform(input, p, m.linearFlag, m.highOrderFlag), expected));
+      for (int threads : {1, 3, 8}) {
+        if (threads > 1 && numRows < 40) continue;
+        SCOPED_TRACE(testing::Message() << m.name << ", " << numRows << " x " << numCols << ", "
+                                        << threads << " threads");
+        omp_set_num_threads(threads);
+        EXPECT_TRUE(sameBits(transform(input, p, m.linearFlag, m.highOrderFlag), expected));
+      }
     }
   }
+  omp_set_num_threads(defaultThreads);
+}
+
+// On an odd count and on values that round, overflow, vanish or are not
+// numbers.
+TEST(ImageTransformTest, SectionConversionsAreTheCasts) {
+  const double doubles[] = {0.1, -0.0, 1e300, -1e-300, 3.4028235677973366e38, NAN, 1.0 / 3.0};
+  const int count = sizeof(doubles) / sizeof(doubles[0]);
+  float narrowed[count], cast[count];
+  narrowSection(doubles, narrowed, count);
+  for (int i = 0; i < count; ++i) cast[i] = static_cast<float>(doubles[i]);
+  EXPECT_EQ(std::memcmp(narrowed, cast, sizeof(cast)), 0);
+  double widened[count], exact[count];
+  widenSection(cast, widened, count);
+  for (int i = 0; i < count; ++i) exact[i] = cast[i];
+  EXPECT_EQ(std::memcmp(widened, exact, sizeof(exact)), 0);
+}
+
+// A failed allocation in one spot's task on a worker thread must reach the
+// caller (and the program's handler) as the exception, after the other tasks.
+TEST(ParallelLoops, AFailureOnAWorkerThreadReachesTheCaller) {
+  const int defaultThreads = omp_get_max_threads();
+  omp_set_num_threads(2);
+  std::vector<int> done(8, 0);
+  const auto task = [&](int k) {
+    if (k == 5) throw std::bad_alloc();
+    done[k] = 1;
+  };
+  EXPECT_THROW(forEachSpotInOrder(8, task), std::bad_alloc);
+  EXPECT_EQ(std::count(done.begin(), done.end(), 1), 7);
+  omp_set_num_threads(defaultThreads);
 }
 
 }  // namespace

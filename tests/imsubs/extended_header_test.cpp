@@ -46,36 +46,31 @@ TEST_F(ExtendedHeaderTest, SizingArithmetic) {
     std::function<int()> size;
     int result;
     Ints expected;  // size, type, ints, floats
-    char const* message;
+    std::string message;
   };
+  std::string const invalid = " is an invalid ext header type. Switching to 4.\n";
+  // clang-format off
   std::vector<Case> const cases = {
       {[] { return IMCrExHdr(1, 4, 3); }, 0, {5120, 4, 8, 32}, ""},
       {[] { return IMAlExHdrType(1, 4, 1, 10); }, 0, {4096, 4, 8, 32}, ""},
       {[] { return IMAlExHdrType(1, 4, 1, 0); }, 0, {3072, 4, 8, 32}, ""},
       {[] { return IMAlExHdrType(1, 2, 1, 3000); }, 0, {26624, 2, 0, 2}, ""},
-      {[] { return IMAlExHdrType(1, 7, 1, 10); },
-       0,
-       {4096, 4, 8, 32},
-       "IMAlExHdrType 1: 7 is an invalid ext header type. Switching to 4.\n"},
+      {[] { return IMAlExHdrType(1, 7, 1, 10); }, 0, {4096, 4, 8, 32},
+       "IMAlExHdrType 1: 7" + invalid},
       {[] { return IMAlExHdrType(1, -1, 1, 10); }, 0, {4096, 4, 8, 32}, ""},
       {[] { return IMAlExHdrType(1, 0, 1, 10); }, 0, {0, 0, 0, 0}, ""},
       {[] { return IMAlExHdrType(1, 1, 0, 10); }, 0, {5120, 1, 1, 1}, ""},
       {[] { return IMAlExHdrSize(1, 1, 1, 10); }, 0, {2048, 4, 1, 1}, ""},
-      {[] { return IMAlExHdrSize(1, 8, 32, 2); },
-       0,
-       {3072, 4, 8, 32},
-       "IMAlExHdrSize2 1: requested number of sections is less than current image size (2 < "
-       "10).\n"},
-      {[] { return IMAlExHdrInfo(1, 9, 777, 3, 5); },
-       0,
-       {777, 4, 3, 5},
-       "IMAlExHdrInfo 1: 9 is an invalid ext header type. Switching to 4.\n"},
+      {[] { return IMAlExHdrSize(1, 8, 32, 2); }, 0, {3072, 4, 8, 32},
+       "IMAlExHdrSize2 1: requested number of sections is less than current image size "
+       "(2 < 10).\n"},
+      {[] { return IMAlExHdrInfo(1, 9, 777, 3, 5); }, 0, {777, 4, 3, 5},
+       "IMAlExHdrInfo 1: 9" + invalid},
       {[] { return IMAlExHdrInfo(1, -2, -5, 1, 1); }, 0, {0, 4, 1, 1}, ""},
-      {[] { return IMCrExHdr(1, 5, 3); },
-       702,
-       {5120, 4, 8, 32},
+      {[] { return IMCrExHdr(1, 5, 3); }, 702, {5120, 4, 8, 32},
        "IMCrExHdr 1: invalid ext header type (5).\n"},
   };
+  // clang-format on
   for (Case const& c : cases) {
     create(1, "size", 2, 2, 10, 1, 1);  // default: type 4, 3 blocks
     EXPECT_EQ(stderrOf([&] { EXPECT_EQ(c.size(), c.result); }), c.message);

@@ -1,7 +1,9 @@
 // Section pixels: the type table, round trips over pixel type x sequence x
 // byte order against byte images built here, the clamping rules of each
 // write call against a reference, the line, part-line and rectangle calls,
-// and refusals of hostile headers.
+// and refusals of hostile headers, in bounded memory.
+#include <sys/resource.h>
+
 #include <cmath>
 #include <limits>
 #include <random>
@@ -281,6 +283,12 @@ TEST_F(ImsubsPixels, LinesPartLinesRectanglesAndAlternation) {
   });
 }
 
+long peakKb() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
 TEST_F(ImsubsPixels, HostileHeadersAreRefusedSafely) {
   int const cases[][3] = {{-4, 4, 402}, {4, -4, 403}, {65536, 65536, 403}};
   for (auto const& c : cases) {
@@ -296,6 +304,33 @@ TEST_F(ImsubsPixels, HostileHeadersAreRefusedSafely) {
               "IMRdSec 8: invalid number of " + std::string(c[2] == 402 ? "columns (" : "rows (") +
                   std::to_string(c[2] == 402 ? c[0] : c[1]) + ").\n");
     ASSERT_EQ(IMClose(8), 0);
+  }
+  // An extended header claimed far beyond the file fails as the short read it
+  // is, with memory bounded by the file and not by the claim; the stream
+  // stays, as after any short read, but holds no block.
+  struct Claim {
+    int32_t size;
+    int16_t ints, floats;
+  } const claims[] = {{1400000000, 1, 1}, {INT32_MAX, 8, 32}, {1 << 28, 0, 2}};
+  for (Claim const& c : claims) {
+    RawHeader h;
+    h.basic(2, 2, 1, 1, 1, 2, 100).put<int32_t>(hdroff::giExtHdrSize, c.size);
+    h.put<int16_t>(hdroff::gnNumExtHdrInts, c.ints)
+        .put<int16_t>(hdroff::gnNumExtHdrFloats, c.floats);
+    h.write(file("claim"), 1339);
+    long const before = peakKb();
+    std::string const err =
+        stderrOf([&] { EXPECT_EQ(IMOpen(1, file("claim").c_str(), "ro"), 210); });
+    EXPECT_NE(err.find("IMOpen 1: error reading extended header (315," + std::to_string(c.size) +
+                       ",ro,\"" + file("claim") + "\").\n"),
+              std::string::npos)
+        << err;
+    EXPECT_LT(peakKb() - before, 64 * 1024) << c.size;
+    ASSERT_NE(record(1), nullptr);
+    EXPECT_EQ(record(1)->pExtHdr, nullptr);
+    float section[4];
+    stderrOf([&] { EXPECT_EQ(IMRdSec(1, section), 212); });
+    EXPECT_EQ(IMClose(1), 0);
   }
 }
 

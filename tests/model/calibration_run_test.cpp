@@ -1,14 +1,16 @@
-// Calibration as a user meets it: targets with known misregistration written
-// with the image stream library, the corvane binary run on them with every
-// flag combination, the parameter file checked against the truth and then
-// accepted by a correction run; and the targets that can't be used.
+// Calibration as a user meets it: targets with known misregistration, the
+// corvane binary run on them with every flag combination and on one and on
+// three threads, the parameter file checked against the truth and accepted by
+// a correction run; and the targets that can't be used.
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
+#include <cmath>
 #include <string>
 #include <vector>
 
+#include "bench/target_stack.h"
 #include "model/model.h"
-#include "model/target_stack.h"
 #include "support/testutil.h"
 
 namespace {
@@ -26,7 +28,6 @@ constexpr double kRunTimeout = 300.0;
 TargetSpec fourChannelTarget(ModelKind kind) {
   TargetSpec s;
   const bool linear = kind == ModelKind::kLinear || kind == ModelKind::kLinearHigh;
-  const bool high = kind == ModelKind::kRadialHigh || kind == ModelKind::kLinearHigh;
   const Model identity = targettest::identityModel(s, kind);
   Model a = identity, b = identity, c = identity;
   if (linear) {
@@ -38,7 +39,7 @@ TargetSpec fourChannelTarget(ModelKind kind) {
     b[2] = 0.997, b[3] = -0.003, b[4] = -1.5, b[5] = 4.25;
     c[2] = 1.001, c[3] = 0.0015, c[4] = 0.6, c[5] = 2.1;
   }
-  if (high) {
+  if (kind == ModelKind::kRadialHigh || kind == ModelKind::kLinearHigh) {
     // Up to about half a pixel at the corners of the spot grid.
     a[8] = 0.12, a[13] = 6e-6, a[18] = 5e-6;
     b[14] = -0.1, b[16] = -5e-6, b[12] = 4e-6;
@@ -52,18 +53,12 @@ TargetSpec fourChannelTarget(ModelKind kind) {
   return s;
 }
 
-struct CalibrationRunFiles {
-  testutil::ScratchDir dir;
-  std::string input = dir.file("target.qf");
-  std::string output = dir.file("alignment.txt");
-  std::string status = dir.file("status.txt");
-  testutil::RunResult result;
-};
-
-void calibrate(CalibrationRunFiles& run, const std::vector<std::string>& options) {
-  std::vector<std::string> args = {"calibration", run.input, run.output};
-  args.insert(args.end(), options.begin(), options.end());
-  run.result = testutil::run(CORVANE_BIN, args, kRunTimeout);
+// A run of the binary on `threads` threads (0: as the machine decides).
+testutil::RunResult corvane(const std::vector<std::string>& args, int threads = 0) {
+  if (threads > 0) setenv("OMP_NUM_THREADS", std::to_string(threads).c_str(), 1);
+  const testutil::RunResult r = testutil::run(CORVANE_BIN, args, kRunTimeout);
+  unsetenv("OMP_NUM_THREADS");
+  return r;
 }
 
 Rows readRows(const std::string& path) {
@@ -75,50 +70,50 @@ Rows readRows(const std::string& path) {
   return rows;
 }
 
-// The model of a row, in pixels of the calibration stack, as the correction
-// reads it back.
-Model rowModel(const TargetSpec& s, Rows rows, std::size_t index) {
+// Root mean square, over every pixel of the section, of the distance between
+// the mappings of the true and the fitted model of a row, the row read back
+// into pixels as the correction reads it.
+double mappingRms(const TargetSpec& s, const ChannelTruth& truth, Rows rows, std::size_t index,
+                  ModelKind fitted) {
   convertAlignmentParameterToPixels(rows, s.numRows, s.numCols, s.spacingX, s.spacingY, s.spacingZ);
-  Model p{};
-  for (int k = 0; k < kNumModelParameters; ++k) p[k] = rows[index][kSlotFirstParameter + k];
-  return p;
+  std::vector<CorvanePoint2D> grid;
+  for (int r = 0; r < s.numRows; ++r) {
+    for (int c = 0; c < s.numCols; ++c) grid.push_back({double(c), double(r)});
+  }
+  const auto a = targettest::applyModel(truth.kind, truth.model.data(), grid);
+  const auto b = targettest::applyModel(fitted, &rows[index][kSlotFirstParameter], grid);
+  double sum = 0.0;
+  for (std::size_t i = 0; i < grid.size(); ++i) {
+    sum += std::pow(a[i].x - b[i].x, 2) + std::pow(a[i].y - b[i].y, 2);
+  }
+  return std::sqrt(sum / grid.size());
 }
 
-ModelKind fittedKind(bool linear, bool high) {
-  if (linear) return high ? ModelKind::kLinearHigh : ModelKind::kLinear;
-  return high ? ModelKind::kRadialHigh : ModelKind::kRadial;
-}
+const char kClosing[] =
+    "QF Input File Closed\n\nAlignment Parameter Output File Opened\n"
+    "Alignment Paramenter Output File Closed\n\nCalibration Completed\n\n";
 
 std::string expectedSkeleton(const std::string& iterationLines) {
   std::string text =
-      "Calibration Started\n\n"
-      "QF Input File Opened\n\n"
-      "Reference Channel 605\n"
-      "Locating Channel Focus Of Z Section...\n"
-      "Channel Focus Of Z Section: 2\n\n"
+      "Calibration Started\n\nQF Input File Opened\n\nReference Channel 605\n"
+      "Locating Channel Focus Of Z Section...\nChannel Focus Of Z Section: 2\n\n"
       "Calibration in progress 6 percent\n\n";
   const char* waves[] = {"525", "680", "705"};
   const char* focus[] = {"2", "3", "1"};
   const char* progress[] = {"25", "50", "75"};
   for (int i = 0; i < 3; ++i) {
-    text += std::string("Calibrating Channel ") + waves[i] + " Started\n" +
-            "Locating Channel Focus Of Z Section...\n" + "Channel Focus Of Z Section: " + focus[i] +
-            "\n" + iterationLines + "Calibrating Channel " + waves[i] + " Completed\n\n" +
-            "Calibration in progress " + progress[i] + " percent\n\n";
+    text += std::string("Calibrating Channel ") + waves[i] +
+            " Started\nLocating Channel Focus Of Z Section...\nChannel Focus Of Z Section: " +
+            focus[i] + "\n" + iterationLines + "Calibrating Channel " + waves[i] +
+            " Completed\n\nCalibration in progress " + progress[i] + " percent\n\n";
   }
-  text +=
-      "QF Input File Closed\n\n"
-      "Alignment Parameter Output File Opened\n"
-      "Alignment Paramenter Output File Closed\n\n"
-      "Calibration Completed\n\n";
-  return text;
+  return text + kClosing;
 }
 
 }  // namespace
 
-TEST(CalibrationRun, EveryFlagCombinationRecoversTheTruthAndCorrects) {
+TEST(CalibrationRun, EveryFlagCombinationRecoversTheTruthOnAnyThreadCount) {
   struct Case {
-    const char* name;
     bool linear, high;
     ModelKind truth;
     double rmsTolerance;        // pixels, over the whole section
@@ -129,52 +124,40 @@ TEST(CalibrationRun, EveryFlagCombinationRecoversTheTruthAndCorrects) {
     // stops the loop.
     std::string iterationLines;
   };
+  // The stage's figures are measured through the transform, which leaves the
+  // polynomial out under the radial model: they show the distortion.
+  // clang-format off
   const Case cases[] = {
-      {"radial", false, false, ModelKind::kRadial, 0.05, 0.1, {}, "Iteration 5\n"},
-      {"linear",
-       true,
-       false,
-       ModelKind::kLinear,
-       0.05,
-       0.1,
-       {"-numIteration", "3"},
-       "Iteration 3\n"},
-      // The stage's figures are measured through the transform, which leaves
-      // the polynomial out under the radial model: they show the distortion.
-      {"radial, high order",
-       false,
-       true,
-       ModelKind::kRadialHigh,
-       0.1,
-       0.4,
-       {"-numIteration", "1"},
-       "Iteration 1\n"},
-      {"linear, high order",
-       true,
-       true,
-       ModelKind::kLinearHigh,
-       0.1,
-       0.1,
-       {"-numIteration", "2", "-maxResidual", "nan"},
+      {false, false, ModelKind::kRadial, 0.05, 0.1, {}, "Iteration 5\n"},
+      {true, false, ModelKind::kLinear, 0.05, 0.1, {"-numIteration", "3"}, "Iteration 3\n"},
+      {false, true, ModelKind::kRadialHigh, 0.1, 0.4, {"-numIteration", "1"}, "Iteration 1\n"},
+      {true, true, ModelKind::kLinearHigh, 0.1, 0.1, {"-numIteration", "2", "-maxResidual", "nan"},
        "Iteration 2\nIteration 1\n"},
   };
+  // clang-format on
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(testing::Message() << "linear " << c.linear << ", high " << c.high);
     const TargetSpec s = fourChannelTarget(c.truth);
-    CalibrationRunFiles run;
-    ASSERT_TRUE(targettest::writeTargetStack(run.input, s));
-    std::vector<std::string> options = {"-referenceChannelIndex", "1", "-statusFile", run.status};
-    if (c.linear) options.push_back("-doLinearModelFitting");
-    if (c.high) options.push_back("-doHighOrderModelFitting");
-    options.insert(options.end(), c.options.begin(), c.options.end());
-    calibrate(run, options);
-    ASSERT_EQ(run.result.exitStatus, 0) << run.result.out << run.result.err;
-    EXPECT_EQ(run.result.out, expectedSkeleton(c.iterationLines));
-    EXPECT_EQ(testutil::readFile(run.status), "100.00\nCalibration Completed");
+    testutil::ScratchDir dir;
+    const std::string input = dir.file("t.qf"), output = dir.file("a.txt");
+    ASSERT_TRUE(targettest::writeTargetStack(input, s));
+    std::vector<std::string> args = {
+        "calibration",     input, output, "-referenceChannelIndex", "1", "-statusFile",
+        dir.file("status")};
+    if (c.linear) args.push_back("-doLinearModelFitting");
+    if (c.high) args.push_back("-doHighOrderModelFitting");
+    args.insert(args.end(), c.options.begin(), c.options.end());
+    const testutil::RunResult run = corvane(args, 1);
+    ASSERT_EQ(run.exitStatus, 0) << run.out << run.err;
+    EXPECT_EQ(run.out, expectedSkeleton(c.iterationLines));
+    EXPECT_EQ(testutil::readFile(dir.file("status")), "100.00\nCalibration Completed");
+    const std::string file = testutil::readFile(output);
 
-    const Rows rows = readRows(run.output);
+    const Rows rows = readRows(output);
     ASSERT_EQ(rows.size(), 4u);
     const int channelOf[] = {0, 2, 3};
+    const ModelKind fitted = c.linear ? (c.high ? ModelKind::kLinearHigh : ModelKind::kLinear)
+                                      : (c.high ? ModelKind::kRadialHigh : ModelKind::kRadial);
     for (int i = 0; i < 3; ++i) {
       const ChannelTruth& truth = s.channels[channelOf[i]];
       SCOPED_TRACE(truth.wavelength);
@@ -184,31 +167,32 @@ TEST(CalibrationRun, EveryFlagCombinationRecoversTheTruthAndCorrects) {
       EXPECT_FLOAT_EQ(row[kSlotZOffset], (truth.focusSection - 2) * s.spacingZ);
       // Fit figures in physical units: the truncated mean of sub-pixel
       // distances is 0, the deviation small and the same on both axes.
-      EXPECT_EQ(row[2], 0.0);
-      EXPECT_EQ(row[3], 0.0);
+      EXPECT_TRUE(row[2] == 0.0 && row[3] == 0.0);
       EXPECT_LT(row[4], c.deviationTolerance * s.spacingX);
       EXPECT_EQ(row[4], row[5]);
       bool anyHighOrder = false;
       for (int k = 15; k < kNumRowSlots; ++k) anyHighOrder |= row[k] != 0.0;
       EXPECT_EQ(anyHighOrder, c.high);
-
-      const Model fitted = rowModel(s, rows, i);
-      const double rms = targettest::mappingRms(s, truth.kind, truth.model.data(),
-                                                fittedKind(c.linear, c.high), fitted.data());
-      EXPECT_LT(rms, c.rmsTolerance);
+      EXPECT_LT(mappingRms(s, truth, rows, i, fitted), c.rmsTolerance);
     }
-    const std::vector<double>& last = rows[3];
-    const std::vector<double> expectedLast = {
-        605, c.linear ? 1.0 : 0.0, 0, 0, 0, 0, 0, 512, 512, 0.1f, 0.1f, 0.25f};
-    for (std::size_t k = 0; k < expectedLast.size(); ++k) {
-      EXPECT_FLOAT_EQ(last[k], expectedLast[k]) << "final row slot " << k;
-    }
-    for (int k = 12; k < kNumRowSlots; ++k) EXPECT_EQ(last[k], 0.0) << "final row slot " << k;
+    std::vector<double> last = {605,  c.linear ? 1.0 : 0.0, 0, 0, 0, 0, 0, 512, 512, 0.1f, 0.1f,
+                                0.25f};
+    last.resize(kNumRowSlots, 0.0);
+    for (int k = 0; k < kNumRowSlots; ++k) EXPECT_FLOAT_EQ(rows[3][k], last[k]) << k;
 
-    // The correction accepts the file.
-    const testutil::RunResult correction = testutil::run(
-        CORVANE_BIN, {"correction", run.input, run.output, run.dir.file("c.qf")}, kRunTimeout);
-    EXPECT_EQ(correction.exitStatus, 0) << correction.out << correction.err;
+    // Three threads give the same bytes; the correction accepts the file and
+    // gives the same bytes on one and on three threads too.
+    EXPECT_EQ(corvane(args, 3).out, run.out);
+    EXPECT_TRUE(testutil::readFile(output) == file);
+    std::string corrected[2];
+    for (int threads : {1, 3}) {
+      const testutil::RunResult r =
+          corvane({"correction", input, output, dir.file("c.qf")}, threads);
+      EXPECT_EQ(r.exitStatus, 0) << r.out << r.err;
+      corrected[threads / 3] = testutil::readFile(dir.file("c.qf"));
+    }
+    EXPECT_GT(corrected[0].size(), 1024u);
+    EXPECT_TRUE(corrected[0] == corrected[1]);
   }
 }
 
@@ -227,104 +211,72 @@ TEST(CalibrationRun, UnusableTargetsEndAsDocumented) {
   const ChannelTruth dark0{500.0f, 0, ModelKind::kLinear, identity};
   const ChannelTruth dark1{600.0f, 0, ModelKind::kLinear, identity};
   const std::string opened = "Calibration Started\n\nQF Input File Opened\n\n";
+  const std::string oneChannel =
+      "Channel Focus Of Z Section: 0\n\nCalibration in progress 25 percent\n\n";
+  const std::string twoChannels =
+      "Calibrating Channel 600 Started\nLocating Channel Focus Of Z Section...\n"
+      "Channel Focus Of Z Section: 0\nIteration 5\nCalibrating Channel 600 Completed\n\n"
+      "Calibration in progress 50 percent\n\n";
   const std::vector<double> unmeasured = {600, 1,         -0.1f,     -0.1f, -0.1f, -0.1f,
                                           0,   48 * 0.1f, 48 * 0.1f, 1,     1};
   struct Case {
     std::vector<ChannelTruth> channels;  // empty: no input
     double background;
-    std::vector<std::string> options;
+    std::vector<std::string> options;  // "-o": an output that can't be opened
     int exitStatus;
-    std::string out;  // the whole standard output, or its end when `tail`
-    bool tail;
+    std::string out;               // the end of standard output
     std::string err;               // the start of standard error
     std::vector<double> firstRow;  // its leading slots, the rest 0.0
     std::size_t rows;              // 0: the output is not written
   };
+  const std::string noInput = "Calibration Started\n\nCan Not Open QF Input File\n\n";
+  const std::string badIndex =
+      opened + "Reference Channel Index Out Of Boundary\n\nCalibration Stopped\n";
+  const std::string noOutput =
+      "QF Input File Closed\n\nCan Not Open Alignment Parameter Output File\n\n";
+  const std::vector<double> finalRow = {500, 1, 0, 0, 0, 0, 0, 96, 96, 0.1f, 0.1f, 0.25f};
+  const std::vector<std::string> linear = {"-doLinearModelFitting"};
+  // clang-format off
   const Case cases[] = {
-      {{},
-       0.0,
-       {},
-       1,
-       "Calibration Started\n\nCan Not Open QF Input File\n\n",
-       false,
-       "IMOpen 1",
-       {},
-       0},
-      {{dark0, dark1},
-       100.0,
-       {"-referenceChannelIndex", "2"},
-       1,
-       opened + "Reference Channel Index Out Of Boundary\n\nCalibration Stopped\n",
-       false,
-       "",
-       {},
-       0},
-      {{dark0},
-       100.0,
-       {"-doLinearModelFitting"},
-       0,
-       "Channel Focus Of Z Section: 0\n\nCalibration in progress 25 percent\n\n"
-       "QF Input File Closed\n\nAlignment Parameter Output File Opened\n"
-       "Alignment Paramenter Output File Closed\n\nCalibration Completed\n\n",
-       true,
-       "",
-       {500, 1, 0, 0, 0, 0, 0, 96, 96, 0.1f, 0.1f, 0.25f},
-       1},
-      {{dark0, dark1},
-       -5.0,
-       {"-doLinearModelFitting"},
-       0,
-       "Calibrating Channel 600 Started\nLocating Channel Focus Of Z Section...\n"
-       "Channel Focus Of Z Section: 0\nIteration 5\nCalibrating Channel 600 Completed\n\n"
-       "Calibration in progress 50 percent\n\nQF Input File Closed\n\n"
-       "Alignment Parameter Output File Opened\nAlignment Paramenter Output File Closed\n\n"
-       "Calibration Completed\n\n",
-       true,
-       "",
-       unmeasured,
-       2},
-      {{dark0},
-       100.0,
-       {"-o"},
-       1,
-       "QF Input File Closed\n\nCan Not Open Alignment Parameter Output File\n\n",
-       true,
-       "",
-       {},
-       0},
+      {{}, 0.0, {}, 1, noInput, "IMOpen 1", {}, 0},
+      {{dark0, dark1}, 100.0, {"-referenceChannelIndex", "2"}, 1, badIndex, "", {}, 0},
+      {{dark0}, 100.0, linear, 0, oneChannel + kClosing, "", finalRow, 1},
+      {{dark0, dark1}, -5.0, linear, 0, twoChannels + kClosing, "", unmeasured, 2},
+      {{dark0}, 100.0, {"-o"}, 1, noOutput, "", {}, 0},
   };
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(&c - cases);
-    CalibrationRunFiles run;
+    testutil::ScratchDir dir;
+    std::string input = dir.file("t.qf"), output = dir.file("a.txt");
     TargetSpec s = small;
     s.channels = c.channels;
     s.background = c.background;
     if (!c.channels.empty()) {
-      ASSERT_TRUE(targettest::writeTargetStack(run.input, s));
+      ASSERT_TRUE(targettest::writeTargetStack(input, s));
     }
-    testutil::writeFile(run.output, "earlier");
-    std::vector<std::string> options = c.options;
-    if (!options.empty() && options[0] == "-o")
-      options.clear(), run.output = run.dir.file("missing/alignment.txt");
-    calibrate(run, options);
-    EXPECT_EQ(run.result.exitStatus, c.exitStatus) << run.result.out;
-    const std::string& out = run.result.out;
-    EXPECT_EQ(c.tail && out.size() >= c.out.size() ? out.substr(out.size() - c.out.size()) : out,
-              c.out);
-    EXPECT_EQ(run.result.err.substr(0, c.err.size()), c.err);
-    EXPECT_TRUE(!c.err.empty() || run.result.err.empty()) << run.result.err;
+    testutil::writeFile(output, "earlier");
+    std::vector<std::string> args = {"calibration", input, output};
+    if (!c.options.empty() && c.options[0] == "-o") {
+      args[2] = dir.file("missing/a.txt");
+    } else {
+      args.insert(args.end(), c.options.begin(), c.options.end());
+    }
+    const testutil::RunResult r = corvane(args);
+    EXPECT_EQ(r.exitStatus, c.exitStatus) << r.out;
+    EXPECT_EQ(r.out.substr(r.out.size() - std::min(r.out.size(), c.out.size())), c.out);
+    EXPECT_EQ(r.err.substr(0, c.err.size()), c.err);
+    EXPECT_TRUE(!c.err.empty() || r.err.empty()) << r.err;
     if (c.rows == 0) {
-      EXPECT_TRUE(!testutil::fileExists(run.output) || testutil::readFile(run.output) == "earlier");
+      EXPECT_EQ(testutil::readFile(output), "earlier");
       continue;
     }
-    const Rows rows = readRows(run.output);
+    const Rows rows = readRows(output);
     ASSERT_EQ(rows.size(), c.rows);
     std::vector<double> expected = c.firstRow;
     expected.resize(kNumRowSlots, 0.0);
     for (int k = 0; k < kNumRowSlots; ++k) EXPECT_FLOAT_EQ(rows[0][k], expected[k]) << k;
     // A correction accepts a file from an unusable target too.
-    const testutil::RunResult correction = testutil::run(
-        CORVANE_BIN, {"correction", run.input, run.output, run.dir.file("c.qf")}, kRunTimeout);
-    EXPECT_EQ(correction.exitStatus, 0) << correction.out;
+    EXPECT_EQ(corvane({"correction", input, output, dir.file("c.qf")}).exitStatus, 0);
   }
 }

@@ -58,45 +58,26 @@ TEST(PrepareFocusImage, RewritesPixelsByThresholdMeanAndBlobSize) {
   };
   const double sizeMean = 12070.5 / 6400;
   const std::vector<Block> smallBlob = {{0, 3, 0, 3, 5.0}};  // mean 0.05 on 40 x 40
+  // clang-format off
   const std::vector<Case> cases = {
       // Blobs of 15, 16, 299 and 300 pixels; one pixel of 1.5 lies above the
       // threshold (1.0) but not above the mean.
-      {"size limits",
-       0.5,
-       80,
-       1.0,
-       {{2, 4, 2, 6, 10},
-        {2, 5, 10, 13, 10},
-        {10, 22, 2, 24, 10},
-        {30, 44, 2, 21, 10},
+      {"size limits", 0.5, 80, 1.0,
+       {{2, 4, 2, 6, 10}, {2, 5, 10, 13, 10}, {10, 22, 2, 24, 10}, {30, 44, 2, 21, 10},
         {60, 60, 60, 60, 1.5}},
-       {{0, 0, sizeMean},
-        {3, 3, 0},
-        {3, 11, 10},
-        {15, 10, 10},
-        {35, 10, sizeMean},
+       {{0, 0, sizeMean}, {3, 3, 0}, {3, 11, 10}, {15, 10, 10}, {35, 10, sizeMean},
         {60, 60, sizeMean}}},
       // Scattered 5s lie above the mean but not above the threshold: 0.0.
-      {"moat",
-       0.985,
-       40,
-       0.0,
+      {"moat", 0.985, 40, 0.0,
        {{10, 13, 10, 13, 100}, {20, 20, 0, 39, 5}, {22, 22, 0, 39, 5}, {24, 24, 0, 19, 5}},
        {{0, 0, 1.3125}, {20, 0, 0}, {11, 11, 100}}},
       // Threshold 0.0 below the mean 3.9: 2 x mean in a blob of 400, pixel +
       // mean in a blob of 20, both not above the mean.
-      {"threshold below mean",
-       0.5,
-       40,
-       0.0,
+      {"threshold below mean", 0.5, 40, 0.0,
        {{0, 19, 0, 19, 2}, {25, 28, 0, 4, 2}, {0, 9, 22, 39, 30}},
        {{5, 5, 7.8}, {26, 2, 5.9}, {5, 30, 30}, {35, 35, 3.9}}},
       // Two 8-pixel blobs that touch at a corner are two blobs.
-      {"corner touch",
-       0.5,
-       40,
-       0.0,
-       {{5, 6, 5, 8, 50}, {7, 8, 9, 12, 50}, {20, 23, 20, 23, 50}},
+      {"corner touch", 0.5, 40, 0.0, {{5, 6, 5, 8, 50}, {7, 8, 9, 12, 50}, {20, 23, 20, 23, 50}},
        {{5, 5, 0}, {8, 12, 0}, {21, 21, 50}, {0, 0, 1.0}}},
       // The threshold is strict: the block equals it and is not bright.
       {"strict threshold", 0.99, 40, 0.0, {{0, 9, 0, 9, 5}}, {{5, 5, 0}, {20, 20, 0.3125}}},
@@ -105,6 +86,7 @@ TEST(PrepareFocusImage, RewritesPixelsByThresholdMeanAndBlobSize) {
       {"fraction NaN", std::nan(""), 40, 0.0, smallBlob, {{1, 1, 0}, {20, 20, 0.05}}},
       {"one pixel", 0.995, 1, 4.0, {}, {{0, 0, 4.0}}},
   };
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     spottest::ScopedGridThreshold threshold(c.gridThreshold);
@@ -189,24 +171,18 @@ TEST(CalculateCenterOfMass, MomentsCountFromOneAndClipNegativeProfiles) {
     std::vector<Block> pixels;
     double expected[5];  // row centre, col centre, row spread, col spread, mean
   };
+  // clang-format off
   const std::vector<Case> cases = {
       {"single pixel", 7, 9, 0.0, {{3, 3, 5, 5, 4.0}}, {4, 6, 0, 0, 4.0 / 63}},
-      {"two pixels in a row",
-       3,
-       5,
-       0.0,
-       {{1, 1, 1, 1, 2}, {1, 1, 3, 3, 2}},
+      {"two pixels in a row", 3, 5, 0.0, {{1, 1, 1, 1, 2}, {1, 1, 3, 3, 2}},
        {2, 3, 0, 1, 4.0 / 15}},
       {"nothing positive", 4, 6, -1.0, {}, {2, 3, 4, 6, -1}},
       // The column sum -5 is clipped; the row sum -3 sends rows to the
       // fallback; the mean keeps the negative pixel.
-      {"negative clipped in profiles only",
-       1,
-       3,
-       0.0,
-       {{0, 0, 0, 0, -5}, {0, 0, 1, 1, 2}},
+      {"negative clipped in profiles only", 1, 3, 0.0, {{0, 0, 0, 0, -5}, {0, 0, 1, 1, 2}},
        {0.5, 2, 1, 0, -1}},
   };
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     Plane p = withBlocks(c.rows, c.cols, c.background, c.pixels);

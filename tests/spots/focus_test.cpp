@@ -12,7 +12,7 @@
 
 #include "imsubs/imsubs.h"
 #include "spots/spots.h"
-#include "support/stack_writer.h"
+#include "bench/stack_writer.h"
 #include "support/testutil.h"
 
 namespace {

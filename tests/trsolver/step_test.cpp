@@ -1,7 +1,7 @@
 // Step computations of both families against hand-worked answers: the free
-// shifted Gauss-Newton step, the bracketed subproblem, its shift bounds, and
-// the pieces of the feasible step (scaling, projection, draw-back, interior
-// steepest descent, mixing).
+// shifted Gauss-Newton step, the bracketed subproblem, and the pieces of the
+// feasible step (scaling, projection, draw-back, interior steepest descent,
+// mixing).
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -86,38 +86,6 @@ TEST(StepComputation, FreeAndBracketedSubproblems) {
     EXPECT_TRUE(c.normTolerance < 0 || std::fabs(norm(s) - c.delta) <= c.normTolerance * c.delta);
     for (size_t i = 0; i < c.step.size(); ++i) EXPECT_DOUBLE_EQ(s[i], c.step[i]);
     EXPECT_LE(limit, c.bracketed ? 11 : c.limit + 1);
-  }
-}
-
-TEST(StepComputation, ShiftBoundsPickAndFactorisation) {
-  // H = [[4, -1], [-1, 2]]: Frobenius sqrt(22), row sums 5 and 3, smallest
-  // diagonal 2, Gershgorin 5 above and -1 below.
-  const double h[4] = {4, -1, -1, 2};
-  struct Bound {
-    double scale, radius, lower, upper;
-  };
-  for (const Bound& b : {Bound{1.0, 3.0, 0.0, 2.0}, Bound{1.0, 10.0, 10.0 - std::sqrt(22.0), 9.0},
-                         Bound{0.5, 3.0, 6.0 - std::sqrt(22.0), 5.0}}) {
-    double work[2], upper, lower;
-    trs_dgrgbound(2, h, &upper, &lower, b.scale, b.radius, work);
-    EXPECT_DOUBLE_EQ(lower, b.lower);
-    EXPECT_EQ(upper, b.upper);
-  }
-  // The larger of the geometric mean and hi + 0.01 (lo - hi).
-  struct Pick {
-    double lo, hi, expected;
-  };
-  for (const Pick& r : {Pick{1, 4, 3.97}, Pick{4, 4, 4}, Pick{0, 100, 99}, Pick{9, 16, 15.93}}) {
-    EXPECT_DOUBLE_EQ(pick(&r.lo, &r.hi), r.expected);
-  }
-  // The first bad pivot, NaN included; the shift loops rely on it.
-  struct Factor {
-    Vector a;
-    int64_t pivot;
-  };
-  for (Factor f : {Factor{{4, 2, 2, 3}, 0}, Factor{{1, 1, 1, 1}, 2}, Factor{{-1, 0, 0, 1}, 1},
-                   Factor{{NaN, 0, 0, 1}, 1}, Factor{{1, 0, 0, NaN}, 2}}) {
-    EXPECT_EQ(trs_factorise(2, f.a.data()), f.pivot);
   }
 }
 
@@ -210,49 +178,4 @@ TEST(FeasibleStep, ProjectionDrawBackInteriorDescentAndMixing) {
     double v, e;
     EXPECT_DOUBLE_EQ(trs_mixing_factor(1, &r.f, &r.jq, &r.jr, 0.1, &v, &e), r.mu);
   }
-}
-
-namespace {
-
-struct FeasibleRun {
-  Vector s;
-  int64_t status;
-};
-
-FeasibleRun feasibleStep(int n, int m, const Vector& jac, const Vector& f, const Vector& x,
-                         const Vector& lw, const Vector& up, double delta) {
-  FeasibleRun out{Vector(n), 0};
-  Vector copy(m * n), hess(n * n), chol(n * n), curv(n * n);
-  Work work(n);
-  const double mix = 0.1, interior = 0.99995, eps[6] = {1e-4, 1e-4, 1e-4, 1e-4, 1e-4, 1e-4};
-  double lambda = 0.0;
-  trs_dmintr_ls_lc(n, m, x.data(), f.data(), out.s.data(), jac.data(), copy.data(), lw.data(),
-                   up.data(), delta, &mix, &interior, &lambda, hess.data(), chol.data(),
-                   curv.data(), eps, &out.status, work.p);
-  return out;
-}
-
-}  // namespace
-
-TEST(FeasibleStep, WholeStep) {
-  const Vector jac = {1.0, 0.5, 0.2, -0.3, 1.0, 0.4}, f = {1.0, -2.0, 0.5};  // 3 x 2
-  // No finite bounds: the unscaled trust-region step.
-  const FeasibleRun run = feasibleStep(2, 3, jac, f, {0.3, -0.2}, {-U, -U}, {U, U}, 0.5);
-  Vector p(2), hess(4), chol(4), curv(4);
-  Work work(2);
-  int64_t limit = 10, status = 0;
-  double lambda = 0.0;
-  trs_dmintr_ls_npd(2, 3, jac.data(), f.data(), p.data(), &limit, nullptr, 0.5, &lambda,
-                    hess.data(), chol.data(), curv.data(), &status, work.p);
-  EXPECT_EQ(run.status, status);
-  EXPECT_EQ(run.s, p);
-  // A parameter on its bound hardly moves.
-  const FeasibleRun onBound =
-      feasibleStep(2, 2, {1, 0, 0, 1}, {1.0, -0.3}, {0.0, 0.5}, {0, 0}, {1, 1}, 1.0);
-  EXPECT_TRUE(onBound.s[0] >= 0.0 && onBound.s[0] < 1e-8);
-  EXPECT_GT(onBound.s[1], 0.0);
-  // An active coordinate stays short of its bound.
-  const FeasibleRun active = feasibleStep(1, 1, {1}, {-10.0}, {0.5}, {0}, {1}, 100.0);
-  EXPECT_GT(active.s[0], 0.5 * (1.0 - 0.05) - 1e-12);
-  EXPECT_LT(0.5 + active.s[0], 1.0);
 }

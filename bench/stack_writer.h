@@ -1,7 +1,6 @@
-// Writes small float stacks through the image stream library for the tests
-// (and the calibration benchmark): the caller fills each section, this does
-// the header, the positioning and the closing. Free of GoogleTest so that a
-// benchmark can use it too.
+// Writes float stacks through the image stream library for the benchmarks
+// and the tests: the caller fills each section, this does the header, the
+// positioning and the closing.
 #pragma once
 
 #include <cstddef>

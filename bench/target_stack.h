@@ -2,8 +2,8 @@
 // grid of Gaussian spots per channel, sharp at the channel's focus section and
 // spreading away from it, placed in each channel through a known model of the
 // reference frame. Noise comes from a hash of the position, so a target is
-// the same on every run. Shared by the model tests and the calibration
-// benchmark.
+// the same on every run. Used by the calibration benchmark and by the
+// calibration tests.
 #pragma once
 
 #include <algorithm>
@@ -15,8 +15,7 @@
 
 #include "imsubs/imsubs.h"
 #include "model/model.h"
-// Relative, so that the benchmark finds it from the repository root too.
-#include "../support/stack_writer.h"
+#include "bench/stack_writer.h"
 
 namespace targettest {
 
@@ -157,24 +156,6 @@ inline bool writeTargetStack(const std::string& path, const TargetSpec& s, int s
         renderSection(section, s, channelSpots[w], z, w, t);
       },
       stream);
-}
-
-// Root mean square, over every pixel of the section, of the distance between
-// the mappings of two models.
-inline double mappingRms(const TargetSpec& s, ModelKind trueKind, const double* truth,
-                         ModelKind recoveredKind, const double* recovered) {
-  std::vector<CorvanePoint2D> grid;
-  for (int r = 0; r < s.numRows; ++r) {
-    for (int c = 0; c < s.numCols; ++c) grid.push_back({double(c), double(r)});
-  }
-  const std::vector<CorvanePoint2D> a = applyModel(trueKind, truth, grid);
-  const std::vector<CorvanePoint2D> b = applyModel(recoveredKind, recovered, grid);
-  double sum = 0.0;
-  for (std::size_t i = 0; i < grid.size(); ++i) {
-    const double dx = a[i].x - b[i].x, dy = a[i].y - b[i].y;
-    sum += dx * dx + dy * dy;
-  }
-  return std::sqrt(sum / grid.size());
 }
 
 }  // namespace targettest

@@ -1,7 +1,7 @@
 // Gaussian spot models of the sub-pixel fit (model minus data, one residual
 // per pixel), synthetic noisy spots with a fixed-seed generator, and the
-// wrapper loop that drives the free solver with djacobix. Shared by the
-// solver's tests and its benchmark.
+// wrapper loop that drives the free solver with djacobix, for the solver's
+// benchmark.
 #pragma once
 
 #include <cmath>
