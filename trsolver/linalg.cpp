@@ -62,7 +62,7 @@ void trs_shift_diagonal(int64_t n, double* a, double shift) {
 }
 
 double trs_norm(int64_t n, const double* v) {
-  return cblas_dnrm2(static_cast<blasint>(n), v, 1);
+  return trs_blas_locked([&] { return cblas_dnrm2(static_cast<blasint>(n), v, 1); });
 }
 
 double trs_dot(int64_t n, const double* a, const double* b) {
