@@ -4,11 +4,9 @@
 // include this; other subsystems use trsolver/trsolver.h.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
-#include <thread>
 
 #include "trsolver/trsolver.h"
 
@@ -112,41 +110,15 @@ struct TrHandleHeader {
 // Zero-filled block of `count` doubles aligned to `alignment` bytes, or null.
 double* trs_alloc_doubles(std::size_t count, std::size_t alignment);
 
-// A lock for calls of microseconds: a waiter tries for a short while before
-// it sleeps. A plain sleeping mutex paid two system calls per contended
-// call, and spot fits on two threads contend all the time.
-class TrsSpinLock {
- public:
-  void lock() {
-    for (int spins = 0; spins < kSpinsBeforeSleep; ++spins) {
-      if (mutex_.try_lock()) return;
-      pause();
-    }
-    mutex_.lock();
-  }
-  void unlock() { mutex_.unlock(); }
-
- private:
-  static constexpr int kSpinsBeforeSleep = 1 << 12;
-  static void pause() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#endif
-  }
-  std::mutex mutex_;
-};
-
 // The serial BLAS shares one scratch buffer among its matrix routines
 // (gemv, gemm, and the LAPACK factorisations and solves) without a lock: two
 // such calls at once, from spot fits on different threads, corrupt each
-// other's results. Each of them runs under this lock, and so does the norm,
-// whose kernel for the oldest processors gives thread-dependent results
-// when two run at once; the other vector routines (dot, axpy, scal, copy)
-// keep no scratch and need none.
-TrsSpinLock& trs_blas_lock();
+// other's results. Each of them runs under this lock; the vector routines
+// (dot, norm, axpy, scal, copy) keep no scratch and need none.
+std::mutex& trs_blas_mutex();
 template <typename Call>
 auto trs_blas_locked(Call call) {
-  const std::lock_guard<TrsSpinLock> lock(trs_blas_lock());
+  const std::lock_guard<std::mutex> lock(trs_blas_mutex());
   return call();
 }
 void trs_free(void* block);

@@ -20,9 +20,9 @@ double* trs_alloc_doubles(std::size_t count, std::size_t alignment) {
   return static_cast<double*>(block);
 }
 
-TrsSpinLock& trs_blas_lock() {
-  static TrsSpinLock lock;
-  return lock;
+std::mutex& trs_blas_mutex() {
+  static std::mutex mutex;
+  return mutex;
 }
 
 void trs_free(void* block) {
@@ -62,7 +62,7 @@ void trs_shift_diagonal(int64_t n, double* a, double shift) {
 }
 
 double trs_norm(int64_t n, const double* v) {
-  return trs_blas_locked([&] { return cblas_dnrm2(static_cast<blasint>(n), v, 1); });
+  return cblas_dnrm2(static_cast<blasint>(n), v, 1);
 }
 
 double trs_dot(int64_t n, const double* a, const double* b) {
