@@ -17,6 +17,11 @@
 
 namespace assess {
 
+inline constexpr double kNmPerMicrometre = 1000.0;
+
+// printf into a string as long as the text needs.
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
 struct StackInfo {
   int numCols = 0, numRows = 0, numZ = 0, numW = 0, numT = 0;
   float spacing[3] = {1.0f, 1.0f, 1.0f};

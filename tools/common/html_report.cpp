@@ -15,7 +15,6 @@ namespace assess {
 
 namespace {
 
-constexpr double kNmPerMicrometre = 1000.0;
 // Drawn size of the longer side of the field, in CSS pixels, and the room
 // around it for the captions and the scale bar.
 constexpr double kFieldSize = 300.0;
@@ -33,16 +32,6 @@ constexpr int kHistogramBins = 20;
 constexpr double kOverflowP95 = 3.0;
 constexpr double kHistogramWidth = 320.0, kHistogramHeight = 200.0;
 constexpr double kPlotLeft = 36.0, kPlotRight = 12.0, kPlotTop = 40.0, kPlotBottom = 32.0;
-
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-  char buffer[1024];
-  va_list args;
-  va_start(args, fmt);
-  std::vsnprintf(buffer, sizeof buffer, fmt, args);
-  va_end(args);
-  return buffer;
-}
 
 std::string escape(const std::string& text) {
   std::string out;

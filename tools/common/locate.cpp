@@ -284,7 +284,6 @@ ErrorStats errorStats(const std::vector<CorvanePoint2D>& displacements, double s
   ErrorStats s;
   s.count = static_cast<int>(displacements.size());
   if (s.count == 0) return s;
-  constexpr double kNmPerMicrometre = 1000.0;
   std::vector<double> px, nm;
   double sumSqPx = 0.0, sumSqNm = 0.0;
   for (const CorvanePoint2D& d : displacements) {

@@ -11,18 +11,7 @@ namespace assess {
 
 namespace {
 
-constexpr double kNmPerMicrometre = 1000.0;
 constexpr double kMradPerRadian = 1000.0;
-
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-  char buffer[512];
-  va_list args;
-  va_start(args, fmt);
-  std::vsnprintf(buffer, sizeof buffer, fmt, args);
-  va_end(args);
-  return buffer;
-}
 
 // The 2 x 2 part of the model as a rotation after an upper-triangular factor:
 // A = R(theta) [[mx, k], [0, my]]. For the truth's R(rot) diag(mx, my) this

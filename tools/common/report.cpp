@@ -9,22 +9,25 @@ namespace assess {
 
 namespace {
 
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-  char buffer[512];
-  va_list args;
-  va_start(args, fmt);
-  std::vsnprintf(buffer, sizeof buffer, fmt, args);
-  va_end(args);
-  return buffer;
-}
-
 nlohmann::json statsJson(const ErrorStats& s) {
   return {{"count", s.count}, {"rmsPx", s.rmsPx},     {"p95Px", s.p95Px},    {"rmsNm", s.rmsNm},
           {"p95Nm", s.p95Nm}, {"meanDxPx", s.meanDx}, {"meanDyPx", s.meanDy}};
 }
 
 }  // namespace
+
+std::string format(const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  va_list measure;
+  va_copy(measure, args);
+  const int length = std::vsnprintf(nullptr, 0, fmt, measure);
+  va_end(measure);
+  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+  if (length > 0) std::vsnprintf(text.data(), text.size() + 1, fmt, args);
+  va_end(args);
+  return text;
+}
 
 std::string formatReports(const std::string& path, const StackInfo& info, const Options& options,
                           const std::vector<ChannelReport>& reports) {
