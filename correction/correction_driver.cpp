@@ -5,12 +5,15 @@
 // writes it with fresh statistics. Three sections are in memory at most, one
 // read ahead and one written behind the one being resampled on all threads.
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <limits>
+#include <memory>
+#include <thread>
 #include <vector>
 
 #include "app/settings.h"
@@ -234,6 +237,22 @@ struct SectionAddress {
   int outputZ;
 };
 
+// A plane of `count` values left unset: every read fills its section whole and
+// the transform writes every output pixel, so zero-filling three slots only
+// cost a pass over memory (and its page faults) before the first section, and
+// the reference channel never touches its planes of doubles at all.
+template <typename T>
+class Plane {
+ public:
+  explicit Plane(size_t count) : values_(new T[count]), count_(count) {}
+  T* data() const { return values_.get(); }
+  size_t size() const { return count_; }
+
+ private:
+  std::unique_ptr<T[]> values_;
+  size_t count_;
+};
+
 // One section on its way through the loop: where it comes from and goes to,
 // its carried-over values, the library's float block and the transform's two
 // planes of doubles with their row pointers.
@@ -243,9 +262,9 @@ struct SectionSlot {
   // The technical line of a failed read, raised when the loop reaches the
   // section in its own order; null after a good read.
   const char* readFailure = nullptr;
-  std::vector<float> pixels;
-  std::vector<double> input;
-  std::vector<double> output;
+  Plane<float> pixels;
+  Plane<double> input;
+  Plane<double> output;
   std::vector<double*> inputRows;
   std::vector<double*> outputRows;
 
@@ -315,15 +334,13 @@ const char* readSection(const SectionAddress& a, float* pixels) {
   return nullptr;
 }
 
-// Fills a slot for `address`; the doubles are widened only for a section
-// that will be resampled. A failure is kept in the slot, not raised.
-void fillSlot(SectionSlot& slot, const SectionAddress& address, bool inputHasValues, bool widen) {
+// Fills a slot's floats and carried values for `address`. A failure is kept
+// in the slot, not raised.
+void fillSlot(SectionSlot& slot, const SectionAddress& address, bool inputHasValues) {
   slot.address = address;
   std::fill(slot.carried, slot.carried + kNumCarriedValues, 0.0);
   slot.readFailure = inputHasValues ? readCarriedValues(address, slot.carried) : nullptr;
   if (slot.readFailure == nullptr) slot.readFailure = readSection(address, slot.pixels.data());
-  if (slot.readFailure != nullptr || !widen) return;
-  widenSection(slot.pixels.data(), slot.input.data(), slot.pixels.size());
 }
 
 // Resamples output rows firstRow up to endRow of a slot and narrows them to
@@ -339,14 +356,17 @@ void resampleRows(SectionSlot& slot, double* parameters, int numRows, int numCol
     narrowSection(slot.output.data() + first, slot.pixels.data() + first, end - first);
 }
 
-void writeSection(const SectionAddress& a, const float* pixels, double minimum, double maximum,
-                  double mean, const double* carried) {
+void writeSectionPixels(const SectionAddress& a, const float* pixels) {
   if (IMPosnZWT(kOutputStream, a.outputZ, a.channel, a.time) != 0) {
     stopCorrection(kWriteFailed, "Correction: IMPosnZWT failed. \n", true);
   }
   if (IMWrSec(kOutputStream, pixels) != 0) {
     stopCorrection(kWriteFailed, "Correction: IMWrSec failed. \n", true);
   }
+}
+
+void writeSectionValues(const SectionAddress& a, double minimum, double maximum, double mean,
+                        const double* carried) {
   const int ids[3] = {kValueMinimum, kValueMaximum, kValueMean};
   const double computed[3] = {minimum, maximum, mean};
   for (int k = 0; k < 3 + kNumCarriedValues; ++k) {
@@ -398,17 +418,30 @@ struct ChannelStatistics {
   double sumOfMeans = 0.0;
 };
 
-// Measures a section whose pixels are final, folds it into the channel's
-// statistics and writes it with its extended header values.
-void finishSection(const SectionSlot& slot, bool resampled, double pixelsPerSection,
-                   ChannelStatistics& channel) {
-  const SectionStatistics stats = resampled ? measureValues(slot.output.data(), slot.output.size())
-                                            : measureValues(slot.pixels.data(), slot.pixels.size());
+// Minimum, maximum and sum of a section whose pixels are final: of the
+// doubles when it was resampled, of the floats read when it was copied.
+SectionStatistics measureSlot(const SectionSlot& slot, bool resampled) {
+  return resampled ? measureValues(slot.output.data(), slot.output.size())
+                   : measureValues(slot.pixels.data(), slot.pixels.size());
+}
+
+// Folds a section's statistics into the channel's and writes its extended
+// header values; its pixels are already written.
+void recordSection(const SectionSlot& slot, const SectionStatistics& stats,
+                   double pixelsPerSection, ChannelStatistics& channel) {
   const double mean = stats.sum / pixelsPerSection;
   if (stats.minimum < channel.lowest) channel.lowest = stats.minimum;
   if (stats.maximum > channel.highest) channel.highest = stats.maximum;
   channel.sumOfMeans += mean;
-  writeSection(slot.address, slot.pixels.data(), stats.minimum, stats.maximum, mean, slot.carried);
+  writeSectionValues(slot.address, stats.minimum, stats.maximum, mean, slot.carried);
+}
+
+// Measures and writes a section whose pixels are final, on the calling thread.
+void finishSection(const SectionSlot& slot, bool resampled, double pixelsPerSection,
+                   ChannelStatistics& channel) {
+  const SectionStatistics stats = measureSlot(slot, resampled);
+  writeSectionPixels(slot.address, slot.pixels.data());
+  recordSection(slot, stats, pixelsPerSection, channel);
 }
 
 // The input sections of a channel in the order they are written: time, then
@@ -426,12 +459,35 @@ std::vector<SectionAddress> channelSections(const InputStack& s, const ZRange& r
   return sections;
 }
 
+// One step of waiting for another thread's work of about a millisecond; a
+// waiter yields its core now and then, for more threads than cores.
+void pauseBriefly(int& spins) {
+  constexpr int kSpinsBeforeYield = 1 << 10;
+  if (++spins % kSpinsBeforeYield == 0) {
+    std::this_thread::yield();
+    return;
+  }
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#endif
+}
+
+// Widens the section a slot holds for the transform, unless its read failed.
+void widenSlot(SectionSlot& slot) {
+  if (slot.readFailure == nullptr) {
+    widenSection(slot.pixels.data(), slot.input.data(), slot.pixels.size());
+  }
+}
+
 // Runs the sections of a channel through read, resample and write. While the
-// threads resample section k in blocks of rows, the first thread free does
-// the library's work in the order a one-section loop would: it finishes and
-// writes section k - 1, then reads section k + 1. The library is used by one
-// thread at a time, and a failed read is raised only after the section before
-// it has been written, so a failing run leaves the same partial output.
+// threads resample section k in blocks of rows, one thread does the library's
+// work: it reads section k + 1, writes the pixels of section k - 1, then its
+// values once they are measured. Another thread measures section k - 1 and
+// widens section k + 1 if it is read by then; whichever of the two comes
+// last widens it. The library is used by one thread at a time, and a failed
+// read is raised only after the section before it has been written, so a
+// failing run leaves the same partial output. The statistics are summed by one
+// thread in buffer order, whatever the number of threads.
 void streamSections(const CorrectionRun& run, const std::vector<SectionAddress>& sections,
                     bool resample, bool inputHasValues, double* parameters,
                     ChannelStatistics& channel) {
@@ -441,7 +497,10 @@ void streamSections(const CorrectionRun& run, const std::vector<SectionAddress>&
   const int numBlocks = (s.numRows + kRowsPerBlock - 1) / kRowsPerBlock;
   auto slotOf = [&run](int k) -> SectionSlot& { return run.slots[k % kSlotsInFlight]; };
 
-  if (count > 0) fillSlot(slotOf(0), sections[0], inputHasValues, resample);
+  if (count > 0) {
+    fillSlot(slotOf(0), sections[0], inputHasValues);
+    if (resample) widenSlot(slotOf(0));
+  }
   for (int k = 0; k < count; ++k) {
     SectionSlot& current = slotOf(k);
     if (current.readFailure != nullptr) {
@@ -449,12 +508,30 @@ void streamSections(const CorrectionRun& run, const std::vector<SectionAddress>&
       stopCorrection(kReadFailed, current.readFailure, true);
     }
     RegionFailure failure;
-#pragma omp parallel if (resample)
+    SectionStatistics previous;
+    std::atomic<bool> measured{false}, nextRead{false}, widenTaken{!resample || k + 1 >= count};
+    auto widenNextOnce = [&] {
+      if (!widenTaken.exchange(true)) widenSlot(slotOf(k + 1));
+    };
+#pragma omp parallel
     {
+      // First in program order, and it waits for nothing: a lone thread runs
+      // it before the library's work, which waits for it.
+#pragma omp single nowait
+      {
+        if (k > 0) failure.guard([&] { previous = measureSlot(slotOf(k - 1), resample); });
+        measured.store(true, std::memory_order_release);
+        if (nextRead.load(std::memory_order_acquire)) widenNextOnce();
+      }
 #pragma omp single nowait
       failure.guard([&] {
-        if (k > 0) finishSection(slotOf(k - 1), resample, pixelsPerSection, channel);
-        if (k + 1 < count) fillSlot(slotOf(k + 1), sections[k + 1], inputHasValues, resample);
+        if (k + 1 < count) fillSlot(slotOf(k + 1), sections[k + 1], inputHasValues);
+        nextRead.store(true, std::memory_order_release);
+        if (k > 0) writeSectionPixels(slotOf(k - 1).address, slotOf(k - 1).pixels.data());
+        int spins = 0;
+        while (!measured.load(std::memory_order_acquire)) pauseBriefly(spins);
+        if (k > 0) recordSection(slotOf(k - 1), previous, pixelsPerSection, channel);
+        widenNextOnce();
       });
       if (resample) {
 #pragma omp for schedule(dynamic, 1) nowait
