@@ -83,8 +83,10 @@ void computeStep(const DriverRun<State>& run) {
     return;
   }
 
-  cblas_dgemv(CblasColMajor, CblasNoTrans, m, n, 1.0, run.fjac, m, st->step, 1, 0.0,
-              st->trial_residual, 1);
+  trs_blas_locked([&] {
+    return cblas_dgemv(CblasColMajor, CblasNoTrans, m, n, 1.0, run.fjac, m, st->step, 1, 0.0,
+                       st->trial_residual, 1);
+  });
   st->jsnorm = trs_norm(run.m, st->trial_residual);
   // F - J s, although the step drives F + J s down: intended, the test
   // compares with the other side of the linear model. It uses eps[2], the

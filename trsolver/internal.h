@@ -4,9 +4,11 @@
 // include this; other subsystems use trsolver/trsolver.h.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <thread>
 
 #include "trsolver/trsolver.h"
 
@@ -110,15 +112,44 @@ struct TrHandleHeader {
 // Zero-filled block of `count` doubles aligned to `alignment` bytes, or null.
 double* trs_alloc_doubles(std::size_t count, std::size_t alignment);
 
+// A lock for calls of microseconds: a waiter spins a little, then yields its
+// core (for more threads than cores). A sleeping mutex paid two system calls
+// per contended call, and spot fits on two threads contend all the time.
+class TrsSpinLock {
+ public:
+  void lock() noexcept {
+    int spins = 0;
+    while (held_.exchange(true, std::memory_order_acquire)) {
+      while (held_.load(std::memory_order_relaxed)) {
+        if (++spins < kSpinsBeforeYield) {
+          pause();
+        } else {
+          std::this_thread::yield();
+        }
+      }
+    }
+  }
+  void unlock() noexcept { held_.store(false, std::memory_order_release); }
+
+ private:
+  static constexpr int kSpinsBeforeYield = 1 << 12;
+  static void pause() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+  }
+  std::atomic<bool> held_{false};
+};
+
 // The serial BLAS shares one scratch buffer among its matrix routines
 // (gemv, gemm, and the LAPACK factorisations and solves) without a lock: two
 // such calls at once, from spot fits on different threads, corrupt each
 // other's results. Each of them runs under this lock; the vector routines
 // (dot, norm, axpy, scal, copy) keep no scratch and need none.
-std::mutex& trs_blas_mutex();
+TrsSpinLock& trs_blas_lock();
 template <typename Call>
 auto trs_blas_locked(Call call) {
-  const std::lock_guard<std::mutex> lock(trs_blas_mutex());
+  const std::lock_guard<TrsSpinLock> lock(trs_blas_lock());
   return call();
 }
 void trs_free(void* block);

@@ -20,9 +20,9 @@ double* trs_alloc_doubles(std::size_t count, std::size_t alignment) {
   return static_cast<double*>(block);
 }
 
-std::mutex& trs_blas_mutex() {
-  static std::mutex mutex;
-  return mutex;
+TrsSpinLock& trs_blas_lock() {
+  static TrsSpinLock lock;
+  return lock;
 }
 
 void trs_free(void* block) {
