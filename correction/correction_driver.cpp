@@ -4,6 +4,8 @@
 // every channel through its row's model (the reference channel is copied) and
 // writes it with fresh statistics. Three sections are in memory at most, one
 // read ahead and one written behind the one being resampled on all threads.
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -13,6 +15,7 @@
 #include <deque>
 #include <limits>
 #include <memory>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -237,6 +240,20 @@ struct SectionAddress {
   int outputZ;
 };
 
+// A block for a section plane, on large pages where the system lends them on
+// request: a section plane spans hundreds of small pages, whose first-touch
+// faults and translation misses cost the resampling as much as a pass over
+// the plane. Null when the memory is not there.
+void* allocateLarge(size_t bytes) {
+  constexpr size_t kLargePage = size_t{2} << 20;
+  const size_t rounded = (bytes + kLargePage - 1) / kLargePage * kLargePage;
+  void* block = std::aligned_alloc(kLargePage, rounded == 0 ? kLargePage : rounded);
+#ifdef MADV_HUGEPAGE
+  if (block != nullptr) madvise(block, rounded, MADV_HUGEPAGE);  // a refusal only costs speed
+#endif
+  return block;
+}
+
 // A plane of `count` values left unset: every read fills its section whole and
 // the transform writes every output pixel, so zero-filling three slots only
 // cost a pass over memory (and its page faults) before the first section, and
@@ -244,12 +261,17 @@ struct SectionAddress {
 template <typename T>
 class Plane {
  public:
-  explicit Plane(size_t count) : values_(new T[count]), count_(count) {}
-  T* data() const { return values_.get(); }
+  explicit Plane(size_t count) : values_(allocateLarge(count * sizeof(T))), count_(count) {
+    if (values_ == nullptr) throw std::bad_alloc();
+  }
+  T* data() const { return static_cast<T*>(values_.get()); }
   size_t size() const { return count_; }
 
  private:
-  std::unique_ptr<T[]> values_;
+  struct Free {
+    void operator()(void* p) const { std::free(p); }
+  };
+  std::unique_ptr<void, Free> values_;
   size_t count_;
 };
 
