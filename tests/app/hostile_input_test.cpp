@@ -150,13 +150,10 @@ TEST_F(HostileInputTest, ZAlignmentGivesTheDocumentedSectionsWhateverTheValues) 
   } cases[] = {
       {0.125f, {"0", "0", "0"}, "0:0.25:0:0", 10},  // in range: shifting as before
       {0.125f, {"0", "0", "0"}, "268435455.875:-268435456:0:0", kSections},
-      {0.125f, {"0", "0", "0"}, "250000000:-250000000:0:0", kSections},
       {0.125f, {"0", "0", "0"}, "1e300:0:0:-1e300", kSections},
-      {0.125f, {"1e30", "-1e30", "0"}, "", kSections},
       {1.0f, {"2147483648", "-2147483904", "0"}, "", kSections},
       {1.0f, {"0.5", "-2.5", "nan"}, "", kSections},
       {0.0f, {"0", "0", "0"}, "", kSections},
-      {0.0f, {"0", "0", "0"}, "1:2:0:0", kSections},
       {nan, {"1", "0", "0"}, "", kSections},
       {1.0f, {"1", "2", "2"}, "", 10},
   };
