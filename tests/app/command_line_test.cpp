@@ -9,11 +9,10 @@
 
 namespace {
 
-using testutil::corvaneBinary;
 using testutil::run;
 
 std::string usageText() {
-  const std::string p = corvaneBinary();
+  const std::string p = CORVANE_BIN;
   return "usage (1): " + p +
          " calibration \n"
          "           pathQFInputFile \n"
@@ -89,7 +88,7 @@ TEST(CommandLine, PrintsAndExitsAsDocumented) {
     std::string line;
     for (const std::string& a : c.args) line += a + " ";
     SCOPED_TRACE(line);
-    const testutil::RunResult result = run(corvaneBinary(), c.args, 20.0);
+    const testutil::RunResult result = run(CORVANE_BIN, c.args, 20.0);
     ASSERT_FALSE(result.timedOut);
     EXPECT_EQ(result.out, c.out);
     EXPECT_EQ(result.exitStatus, c.status);
@@ -99,7 +98,7 @@ TEST(CommandLine, PrintsAndExitsAsDocumented) {
 // An unknown correction option is compared again without end: the parser
 // hangs by design, so the run must still be going when the test gives up.
 TEST(CommandLineHang, UnknownCorrectionOptionNeverReturns) {
-  auto result = run(corvaneBinary(), {"correction", "a", "b", "c", "-help"}, 1.5);
+  auto result = run(CORVANE_BIN, {"correction", "a", "b", "c", "-help"}, 1.5);
   EXPECT_TRUE(result.timedOut);
   EXPECT_EQ(result.out, "");
 }

@@ -97,7 +97,7 @@ class HostileInputTest : public ::testing::Test {
       if (a.find('.') != std::string::npos && a[0] != '-' && a.find(':') == std::string::npos)
         a = path(a);
     }
-    return run(testutil::corvaneBinary(), args);
+    return run(CORVANE_BIN, args);
   }
 };
 
@@ -174,8 +174,9 @@ TEST_F(HostileInputTest, ZAlignmentGivesTheDocumentedSectionsWhateverTheValues) 
   }
 }
 
-// A stack of 8-byte floats is read as stored: correction and calibration give
-// what the same values stored as 4-byte floats give.
+// A stack of 8-byte floats is read as stored: the correction gives what the
+// same values stored as 4-byte floats give, and the calibration finds the
+// focus offset.
 TEST_F(HostileInputTest, EightByteFloatStacksGiveWhatFloatStacksGive) {
   writeStack(path("f.qf"), 2, kSide, kSections, kChannels, 0.125f, rampValue);
   writeStack(path("d.qf"), 8, kSide, kSections, kChannels, 0.125f, rampValue);
@@ -188,23 +189,13 @@ TEST_F(HostileInputTest, EightByteFloatStacksGiveWhatFloatStacksGive) {
   // Calibration: channel 0 has its contrast in section 0, channel 1 in section
   // 2, so the row of channel 1 carries a Z offset of 2 sections of 0.2. There
   // are no spots, so that no fit prolongs the run.
-  const PixelValue ramp = [](int x, int y, int z, int w) {
+  writeStack(path("sd.qf"), 8, 16, 3, 2, 0.2f, [](int x, int y, int z, int w) {
     return 100.0 + (x + y) * (z == 2 * w ? 40.0 : 2.0);
-  };
-  writeStack(path("sf.qf"), 2, 16, 3, 2, 0.2f, ramp);
-  writeStack(path("sd.qf"), 8, 16, 3, 2, 0.2f, ramp);
-  const double timeout = 600.0;
-  ASSERT_EQ(run(testutil::corvaneBinary(),
-                {"calibration", path("sf.qf"), path("cf.txt"), "-numIteration", "1"}, timeout)
-                .exitStatus,
-            0);
+  });
   const RunResult calibrated =
-      run(testutil::corvaneBinary(),
-          {"calibration", path("sd.qf"), path("cd.txt"), "-numIteration", "1"}, timeout);
+      run(CORVANE_BIN, {"calibration", path("sd.qf"), path("cd.txt"), "-numIteration", "1"}, 600.0);
   EXPECT_EQ(calibrated.exitStatus, 0) << calibrated.err;
-  const std::string rows = readFile(path("cd.txt"));
-  EXPECT_EQ(rows, readFile(path("cf.txt")));
-  EXPECT_NE(rows.find("    0.40000001 "), std::string::npos) << rows;
+  EXPECT_NE(readFile(path("cd.txt")).find("    0.40000001 "), std::string::npos);
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 
 namespace {
 
-using testutil::corvaneBinary;
 using testutil::fileExists;
 using testutil::readFile;
 using testutil::ScratchDir;
@@ -39,7 +38,7 @@ TEST(SignalDuringRun, RemovesOutputAndRecordsFailure) {
         c.calibrationMode ? std::vector<std::string>{"calibration", fifo, output}
                           : std::vector<std::string>{"correction", fifo, fifo, output};
     if (c.withStatusFile) args.insert(args.end(), {"-statusFile", status});
-    const auto result = testutil::runAndSignal(corvaneBinary(), args, c.signalNumber,
+    const auto result = testutil::runAndSignal(CORVANE_BIN, args, c.signalNumber,
                                                c.withStatusFile ? status : "", 1.0);
     const std::string mode = c.calibrationMode ? "Calibration" : "Correction";
     EXPECT_FALSE(result.timedOut);
@@ -57,8 +56,8 @@ TEST(SignalDuringRun, RemovesOutputAndRecordsFailure) {
 TEST(StatusFile, FailureKeepsLastRecord) {
   ScratchDir dir;
   const std::string status = dir.file("status");
-  auto result = testutil::run(corvaneBinary(), {"calibration", dir.file("missing.qf"),
-                                                dir.file("out.txt"), "-statusFile", status});
+  auto result = testutil::run(CORVANE_BIN, {"calibration", dir.file("missing.qf"),
+                                            dir.file("out.txt"), "-statusFile", status});
   EXPECT_EQ(result.exitStatus, 1);
   EXPECT_EQ(readFile(status), "0.00\nCalibration Started");
 }

@@ -184,7 +184,7 @@ TEST(CorrectionRunTest, ResamplesShiftsInZAndRecordsStatistics) {
     std::vector<std::string> args = {"correction", dir.file("in.qf"), dir.file("p.txt"),
                                      dir.file("out.qf")};
     args.insert(args.end(), c.options.begin(), c.options.end());
-    const testutil::RunResult r = testutil::run(testutil::corvaneBinary(), args);
+    const testutil::RunResult r = testutil::run(CORVANE_BIN, args);
     EXPECT_EQ(r.exitStatus, 0) << r.err;
     EXPECT_EQ(r.out, kStdoutOfThreeChannels);
     checkOutput(dir.file("out.qf"), c.stack, c.outputSections, c.expected);
@@ -226,7 +226,7 @@ TEST(CorrectionRunTest, FailuresStopBeforeAnyOutputExists) {
     std::vector<std::string> args = {"correction", dir.file("in.qf"), dir.file("p.txt"),
                                      dir.file(c.output)};
     args.insert(args.end(), c.options.begin(), c.options.end());
-    const testutil::RunResult r = testutil::run(testutil::corvaneBinary(), args);
+    const testutil::RunResult r = testutil::run(CORVANE_BIN, args);
     EXPECT_EQ(r.exitStatus, 1);
     EXPECT_NE(r.err.find(c.errPart), std::string::npos) << r.err;
     ASSERT_GE(r.out.size(), c.expectedTail.size()) << r.out;

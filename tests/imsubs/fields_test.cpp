@@ -27,23 +27,16 @@ TEST_F(FieldsTest, ParserOutcomes) {
     int result, fields;
     std::string message;  // "?": not checked
   };
+  // clang-format off
   Case const cases[] = {
-      {"name,c,5=hello\n\r", 0, 1, ""},
-      {"a,c,1=x\nbb,i,3=-17\nccc,d,9=-2.000000\n\r", 0, 3, ""},
-      {std::string("blob,b,6=a\nb\rc\0\n\r", 17), 0, 1, ""},
-      {"empty,c,0=\n\r", 0, 1, ""},
-      {"v,c,3=a\rb\n\r", 0, 1, ""},
-      {n63 + ",c,1=z\n\r", 0, 1, ""},
-      {std::string(40, '\0'), 730, 0, ""},
-      {"name,c,5=hello\n", 730, 0, ""},
-      {"abc\rdefgh", 730, 0, ""},
-      {n64 + ",c,1=z\n\r", 736, 0, ""},
-      {n64 + "N,c,1=z\n\r", 721, 0, ""},
-      {"justtextnocomma\r", 721, 0, ""},
-      {"abcdef,\r", 722, 0, ""},
-      {"name,cc5=hello\n\r", 722, 0, ""},
-      {"abcdef,c,\r", 723, 0, ""},
-      {"abcd,c,12\r", 723, 0, ""},
+      {"name,c,5=hello\n\r", 0, 1, ""}, {"a,c,1=x\nbb,i,3=-17\nccc,d,9=-2.000000\n\r", 0, 3, ""},
+      {std::string("blob,b,6=a\nb\rc\0\n\r", 17), 0, 1, ""}, {"empty,c,0=\n\r", 0, 1, ""},
+      {"v,c,3=a\rb\n\r", 0, 1, ""}, {n63 + ",c,1=z\n\r", 0, 1, ""},
+      {std::string(40, '\0'), 730, 0, ""}, {"name,c,5=hello\n", 730, 0, ""},
+      {"abc\rdefgh", 730, 0, ""}, {n64 + ",c,1=z\n\r", 736, 0, ""},
+      {n64 + "N,c,1=z\n\r", 721, 0, ""}, {"justtextnocomma\r", 721, 0, ""},
+      {"abcdef,\r", 722, 0, ""}, {"name,cc5=hello\n\r", 722, 0, ""},
+      {"abcdef,c,\r", 723, 0, ""}, {"abcd,c,12\r", 723, 0, ""},
       {"n,c," + std::string(63, '0') + "1=z\n\r", 736, 0, ""},
       {"n,c," + std::string(64, '0') + "1=z\n\r", 723, 0, ""},
       {"name,c,x=hello\n\r", 724, 0, "Error parsing field size from x\n"},
@@ -55,6 +48,7 @@ TEST_F(FieldsTest, ParserOutcomes) {
       {"name,c,99=hello\n\r", 725, 0, ""},
       {"a,c,1=x\nb,c,9=y\n\r", 725, 0, "?"},
   };
+  // clang-format on
   for (Case const& c : cases) {
     openWithSection(c.section);
     std::string const err =

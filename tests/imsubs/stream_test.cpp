@@ -10,17 +10,15 @@ namespace imtest {
 namespace {
 
 TEST(ImsubsLibrary, TextsVersionAndVerbosity) {
+  char const* const unspecified = "Unspecified error";
+  // clang-format off
   std::pair<unsigned, char const*> const texts[] = {
-      {0, "No error"},
-      {3, "Internal stream numbering error"},
+      {0, "No error"}, {3, "Internal stream numbering error"},
       {201, "Invalid stream attribute (use: new, old, append, ro, etc)"},
-      {602, "Invalid section number"},
-      {704, "Extended header size too small"},
-      {812, "Invalid dislay scale values"},
-      {908, "Incompatible computer architecture"},
-      {909, "Unspecified error"},
-      {100, "Unspecified error"},
-      {4294967295u, "Unspecified error"}};
+      {602, "Invalid section number"}, {704, "Extended header size too small"},
+      {812, "Invalid dislay scale values"}, {908, "Incompatible computer architecture"},
+      {909, unspecified}, {100, unspecified}, {4294967295u, unspecified}};
+  // clang-format on
   for (auto const& [code, text] : texts) EXPECT_STREQ(IMRtErrText(code), text) << code;
   EXPECT_DOUBLE_EQ(IMRtLibVersion(), 2.000011);
   EXPECT_EQ(IMRtLibBuild(), 11);

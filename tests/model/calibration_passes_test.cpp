@@ -104,15 +104,13 @@ TEST(ChooseBestPass, TakesTheSmallestMeanAndTheEarliestAmongEquals) {
     std::vector<double> meanErrors;
     int best;
   };
+  // The last pass worse: an earlier one wins; the earliest of equals; a NaN
+  // is never smaller, and a leading NaN is never replaced.
+  // clang-format off
   const Case cases[] = {
-      {{3.0}, 0},
-      {{3.0, 2.0, 4.0}, 1},
-      {{1.0, 2.0, 3.0}, 0},       // the last pass worse: an earlier one wins
-      {{2.0, 1.0, 1.0, 1.5}, 1},  // earliest of equals
-      {{2.0, NAN, 1.0}, 2},       // a NaN is never smaller
-      {{NAN, 1.0, 0.5}, 0},       // a leading NaN is never replaced
-      {{4.0, 3.0, 3.0 + 1e-15, 2.5}, 3},
-  };
+      {{3.0}, 0}, {{3.0, 2.0, 4.0}, 1}, {{1.0, 2.0, 3.0}, 0}, {{2.0, 1.0, 1.0, 1.5}, 1},
+      {{2.0, NAN, 1.0}, 2}, {{NAN, 1.0, 0.5}, 0}, {{4.0, 3.0, 3.0 + 1e-15, 2.5}, 3}};
+  // clang-format on
   for (const Case& c : cases) {
     EXPECT_EQ(chooseBestPass(c.meanErrors), c.best) << testing::PrintToString(c.meanErrors);
   }

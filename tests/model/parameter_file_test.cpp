@@ -1,10 +1,12 @@
 // The alignment parameter file from the outside: what the reader accepts and
-// refuses, and the writer's exact bytes (the conversion of rows into pixels is
-// checked by the correction and calibration runs).
+// refuses, the writer's exact bytes, and values turned into integers (the
+// conversion of rows into pixels is checked by the correction and
+// calibration runs).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <sstream>
@@ -60,13 +62,11 @@ TEST(ReadAlignmentParameterTest, AcceptsExactlyWhatTheWriterMakes) {
       {"one row, no newline", values(27), 1},
       {"two rows on one line", values(54), 2},
       {"rows on lines, any white space", values(27) + "\n" + values(27, "\t\n  ", 28), 2},
-      {"leading white space", "\n  " + values(27), 1},
       {"nan and inf", "nan inf -inf " + values(24), 1},
       // 2^24 + 1 and 0.1 have no exact float: they arrive cut to a float.
       {"single precision", "16777217.00000000 0.10000000 2.5 " + values(24), 1},
       {"empty file", "", -1},
       {"trailing newline", values(27) + "\n", -1},
-      {"trailing blank", values(54) + " ", -1},
       {"26 values", values(26), -1},
       {"a short second row", values(27) + "\n" + values(26), -1},
       {"non-numeric token", values(4) + " abc " + values(22), -1},
@@ -154,6 +154,19 @@ TEST(WriteAlignmentParameterTest, FailuresToOpenAndToClose) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Alignment Parameter Output File Opened\n"
             "Can Not Close Alignment Parameter Output File\n\n");
+}
+
+// Values of the file turned into integers: defined for every value a file
+// can hold, unchanged for the ones in range.
+TEST(ValueConversionTest, TruncatesTowardsZeroAndSaturatesOutOfRange) {
+  const double inf = INFINITY;
+  // clang-format off
+  const std::pair<double, int> cases[] = {
+      {2.9, 2}, {-2.9, -2}, {-0.5, 0}, {530.75, 530}, {2147483647.9, INT_MAX},
+      {-2147483648.9, INT_MIN}, {2147483648.0, INT_MAX}, {-2147483904.0, INT_MIN},
+      {inf, INT_MAX}, {-inf, INT_MIN}, {std::nan(""), 0}};
+  // clang-format on
+  for (const auto& [value, expected] : cases) EXPECT_EQ(truncateToInt(value), expected) << value;
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include "bench/stack_writer.h"
 #include "imsubs/imsubs.h"
+#include "spot_images.h"
 #include "spots/spots.h"
 #include "support/testutil.h"
 
@@ -68,15 +69,6 @@ std::vector<double> referenceContrast(float** s, int rows, int cols) {
   return out;
 }
 
-struct FloatSection {
-  int rows, cols;
-  std::vector<float> px;
-  std::vector<float*> table;
-  FloatSection(int r, int c) : rows(r), cols(c), px(std::size_t(r) * c) {
-    for (int i = 0; i < r; ++i) table.push_back(px.data() + std::size_t(i) * c);
-  }
-};
-
 }  // namespace
 
 // The bin search must agree with every value scanned against every bin, on
@@ -119,19 +111,19 @@ TEST(CalculateSubRegionContrast, MatchesTheDefinitionAndIgnoresLeftovers) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    FloatSection s(c.rows, c.cols);
+    spottest::PlaneOf<float> s(c.rows, c.cols);
     for (int r = 0; r < c.rows; ++r)
-      for (int col = 0; col < c.cols; ++col) s.table[r][col] = c.pixel(r, col);
+      for (int col = 0; col < c.cols; ++col) s.at(r, col) = c.pixel(r, col);
     std::vector<double> contrast = {-1.0};  // appended to
-    calculateSubRegionContrast(s.table.data(), c.rows, c.cols, 4, 4, contrast);
+    calculateSubRegionContrast(s.table(), c.rows, c.cols, 4, 4, contrast);
     std::vector<double> expected = {-1.0};
-    for (double v : referenceContrast(s.table.data(), c.rows, c.cols)) expected.push_back(v);
+    for (double v : referenceContrast(s.table(), c.rows, c.cols)) expected.push_back(v);
     EXPECT_EQ(contrast, expected);
   }
   // Smaller than the grid: empty regions count as flat.
-  FloatSection s(3, 3);
+  spottest::PlaneOf<float> s(3, 3);
   std::vector<double> contrast;
-  calculateSubRegionContrast(s.table.data(), 3, 3, 4, 4, contrast);
+  calculateSubRegionContrast(s.table(), 3, 3, 4, 4, contrast);
   EXPECT_EQ(contrast, std::vector<double>(16, 0.0));
 }
 

@@ -73,10 +73,6 @@ RunResult runAndSignal(const std::string& program, const std::vector<std::string
   });
 }
 
-std::string corvaneBinary() {
-  return CORVANE_BIN;
-}
-
 ScratchDir::ScratchDir() {
   char pattern[] = "/tmp/corvane-test-XXXXXX";
   if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");

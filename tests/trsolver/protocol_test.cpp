@@ -30,24 +30,18 @@ TEST(SolverProtocol, InitChecks) {
     double epsValue, storedRs;
     int status;
   };
+  const int ok = TRS_OK, bad = TRS_BAD_ARGUMENT;
+  // clang-format off
   std::vector<Case> cases = {
-      {1, 3, 1000, 100, 100.0, -1, 0, 100.0, TRS_OK},
-      {3, 3, 1000, 100, 100.0, -1, 0, 100.0, TRS_OK},
-      {3, 2, 1000, 100, 100.0, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {0, 3, 1000, 100, 100.0, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 0, 1000, 100, 100.0, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 0, 100, 100.0, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 1000, 0, 100.0, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 1000, 100, 0.0, -1, 0, 100.0, TRS_OK},
-      {2, 3, 1000, 100, 0.5, -1, 0, 0.5, TRS_OK},
-      {2, 3, 1000, 100, 100.5, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 1000, 100, -1e-300, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 1000, 100, NaN, -1, 0, NaN, TRS_OK},
-      {2, 3, 1000, 100, 100.0, 3, -1e-4, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 1000, 100, 100.0, 5, NaN, 100.0, TRS_OK},
-  };
-  for (int k = 0; k < 6; ++k)
-    cases.push_back({2, 3, 1000, 100, 100.0, k, 0.0, 0, TRS_BAD_ARGUMENT});
+      {1, 3, 1000, 100, 100.0, -1, 0, 100.0, ok}, {3, 3, 1000, 100, 100.0, -1, 0, 100.0, ok},
+      {3, 2, 1000, 100, 100.0, -1, 0, 0, bad}, {0, 3, 1000, 100, 100.0, -1, 0, 0, bad},
+      {2, 0, 1000, 100, 100.0, -1, 0, 0, bad}, {2, 3, 0, 100, 100.0, -1, 0, 0, bad},
+      {2, 3, 1000, 0, 100.0, -1, 0, 0, bad}, {2, 3, 1000, 100, 0.0, -1, 0, 100.0, ok},
+      {2, 3, 1000, 100, 0.5, -1, 0, 0.5, ok}, {2, 3, 1000, 100, 100.5, -1, 0, 0, bad},
+      {2, 3, 1000, 100, -1e-300, -1, 0, 0, bad}, {2, 3, 1000, 100, NaN, -1, 0, NaN, ok},
+      {2, 3, 1000, 100, 100.0, 3, -1e-4, 0, bad}, {2, 3, 1000, 100, 100.0, 5, NaN, 100.0, ok}};
+  // clang-format on
+  for (int k = 0; k < 6; ++k) cases.push_back({2, 3, 1000, 100, 100.0, k, 0.0, 0, bad});
   for (bool bounded : {false, true}) {
     for (const Case& c : cases) {
       SCOPED_TRACE(testing::Message() << (bounded ? "bounded " : "free ") << &c - cases.data());
@@ -133,19 +127,16 @@ TEST(SolverProtocol, RatioAcceptanceAndRadiusRules) {
     checkDigest<TrStateBounded>(true, c);
   }
 
-  struct Row {
-    double j, x, rs, expected;
-  };
   // |c x| rs; column norms are positive; a zero column counts as 1; a
   // candidate at or below eps[0] gives rs itself.
-  const Row rows[] = {{2.0, 3.0, 100.0, 600.0},
-                      {-2.0, 3.0, 100.0, 600.0},
-                      {0.0, 3.0, 100.0, 300.0},
-                      {2.0, 0.0, 100.0, 100.0},
-                      {2.0, 3.0, 0.5, 3.0}};
-  for (const Row& r : rows) {
+  // clang-format off
+  const double radii[][4] = {
+      {2.0, 3.0, 100.0, 600.0}, {-2.0, 3.0, 100.0, 600.0}, {0.0, 3.0, 100.0, 300.0},
+      {2.0, 0.0, 100.0, 100.0}, {2.0, 3.0, 0.5, 3.0}};
+  // clang-format on
+  for (const auto& [j, x, rs, expected] : radii) {
     double work[1];
-    EXPECT_EQ(trs_initial_radius(1, 1, &r.j, &r.x, r.rs, 1e-4, work), r.expected);
+    EXPECT_EQ(trs_initial_radius(1, 1, &j, &x, rs, 1e-4, work), expected);
   }
   const double small[4] = {1e-5, 0.0, -1e-5, 0.0}, edge[4] = {1e-5, 0.0, 1e-4, 0.0};
   EXPECT_TRUE(trs_all_columns_small(2, 2, small, 1e-4));
