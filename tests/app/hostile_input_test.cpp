@@ -147,16 +147,15 @@ TEST_F(HostileInputTest, ZAlignmentGivesTheDocumentedSectionsWhateverTheValues) 
     std::vector<std::string> offsets;  // of channels 0 to 2, in the file
     std::string zShift;                // empty: none
     int sections;
-  } cases[] = {
-      {0.125f, {"0", "0", "0"}, "0:0.25:0:0", 10},  // in range: shifting as before
+  } cases[] = {// In range, shifting as before; then offsets and shifts out of range.
+               // clang-format off
+      {0.125f, {"0", "0", "0"}, "0:0.25:0:0", 10}, {1.0f, {"1", "2", "2"}, "", 10},
       {0.125f, {"0", "0", "0"}, "268435455.875:-268435456:0:0", kSections},
       {0.125f, {"0", "0", "0"}, "1e300:0:0:-1e300", kSections},
       {1.0f, {"2147483648", "-2147483904", "0"}, "", kSections},
-      {1.0f, {"0.5", "-2.5", "nan"}, "", kSections},
-      {0.0f, {"0", "0", "0"}, "", kSections},
-      {nan, {"1", "0", "0"}, "", kSections},
-      {1.0f, {"1", "2", "2"}, "", 10},
-  };
+      {1.0f, {"0.5", "-2.5", "nan"}, "", kSections}, {0.0f, {"0", "0", "0"}, "", kSections},
+      {nan, {"1", "0", "0"}, "", kSections}};
+  // clang-format on
   int k = 0;
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << "case " << k++ << " -zShift " << c.zShift);

@@ -154,10 +154,10 @@ TEST_F(AttributesTest, CellAndPixelSizesFollowTheSampling) {
 TEST_F(AttributesTest, FileTypeCapacitiesTitlesAndTimeStamp) {
   static char const labels[7][80] = {"1", "2", "3", "4", "5", "6", "7"};
   openNew(1);
-  int count = 0, max = 0;
-  ASSERT_TRUE(allOk(
-      {IMAlLab(1, labels, 4), IMAlFileType(1, 0), IMRtNumLab(1, &count), IMRtMaxNumLab(1, &max)}));
-  EXPECT_EQ(Ints({count, max, record(1)->iMaxWaves}), Ints({4, 10, 5}));
+  int count = 0, max = 0, fileType = -1;
+  ASSERT_TRUE(allOk({IMAlLab(1, labels, 4), IMAlFileType(1, 0), IMRtNumLab(1, &count),
+                     IMRtMaxNumLab(1, &max), IMRtFileType(1, &fileType)}));
+  EXPECT_EQ(Ints({count, max, record(1)->iMaxWaves, fileType}), Ints({4, 10, 5, 0}));
   ASSERT_EQ(IMAlLab(1, labels, 7), 0);
   expectCalls(
       {IM_CALL(IMAlFileType(1, 100), 401,

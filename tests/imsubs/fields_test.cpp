@@ -131,7 +131,8 @@ TEST_F(FieldsTest, OverfullStoreWarnsAndTheRebuildWritesWhatFits) {
   create(1, "tight", 2, 2, 1, 1, 1);
   ASSERT_EQ(IMAlExHdrInfo(1, 1, kRecordBytes + 31, 1, 1), 0);  // 30 bytes for fields
   EXPECT_EQ(IMRtFieldHdrSizeMax(1), 30);
-  ASSERT_EQ(IMAlFieldChar(1, "a", "0123456789"), 0);  // 18 bytes, used 19
+  ASSERT_EQ(IMAlFieldChar(1, "a", "0123456789"), 0);
+  EXPECT_EQ(record(1)->iFieldBytesUsed, 19);  // 18 bytes and the terminator
   expectCalls(
       {IM_CALL(IMAlFieldChar(1, "b", "0123456789"), 720,
                "Stream 1 out of field header space. (Field 1,size=37,max allowed=30,ext hdr "

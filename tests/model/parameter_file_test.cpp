@@ -58,20 +58,18 @@ struct ReaderCase {
 };
 
 TEST(ReadAlignmentParameterTest, AcceptsExactlyWhatTheWriterMakes) {
+  // clang-format off
   const std::vector<ReaderCase> cases = {
-      {"one row, no newline", values(27), 1},
-      {"two rows on one line", values(54), 2},
+      {"one row, no newline", values(27), 1}, {"two rows on one line", values(54), 2},
       {"rows on lines, any white space", values(27) + "\n" + values(27, "\t\n  ", 28), 2},
       {"nan and inf", "nan inf -inf " + values(24), 1},
       // 2^24 + 1 and 0.1 have no exact float: they arrive cut to a float.
       {"single precision", "16777217.00000000 0.10000000 2.5 " + values(24), 1},
-      {"empty file", "", -1},
-      {"trailing newline", values(27) + "\n", -1},
-      {"26 values", values(26), -1},
-      {"a short second row", values(27) + "\n" + values(26), -1},
+      {"empty file", "", -1}, {"trailing newline", values(27) + "\n", -1},
+      {"26 values", values(26), -1}, {"a short second row", values(27) + "\n" + values(26), -1},
       {"non-numeric token", values(4) + " abc " + values(22), -1},
-      {"comma as separator", values(27, ","), -1},
-  };
+      {"comma as separator", values(27, ","), -1}};
+  // clang-format on
   testutil::ScratchDir dir;
   for (const ReaderCase& c : cases) {
     SCOPED_TRACE(c.name);

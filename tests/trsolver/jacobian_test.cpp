@@ -35,16 +35,16 @@ TEST(NumericalJacobian, StepRuleAndChecks) {
     double v, step, expected;
     int status;
   };
+  const int ok = TRS_OK, bad = TRS_BAD_ARGUMENT;
+  // At 0: forward h, backward -h, divisor 2h; a magnitude of exactly h counts
+  // as small; the relative step keeps the sign.
+  // clang-format off
   const Row rows[] = {
-      {1, 0.0, H, H * H, TRS_OK},      // forward h, backward -h, divisor 2h
-      {1, H, H, 4.0 * H * H, TRS_OK},  // magnitude exactly h counts as small
-      {1, 0.5 * H, H, 3.0 * 0.25 * H * H + H * H, TRS_OK},
-      {1, 3.0, H, 9.0 * (3.0 + H * H), TRS_OK},
-      {1, -2.0, H, 4.0 * (3.0 + H * H), TRS_OK},  // relative step, sign kept
-      {0, 1.0, H, 0.5, TRS_BAD_ARGUMENT},
-      {1, 1.0, 0.0, 0.5, TRS_BAD_ARGUMENT},
-      {1, 1.0, -H, 0.5, TRS_BAD_ARGUMENT},
-  };
+      {1, 0.0, H, H * H, ok}, {1, H, H, 4.0 * H * H, ok},
+      {1, 0.5 * H, H, 3.0 * 0.25 * H * H + H * H, ok}, {1, 3.0, H, 9.0 * (3.0 + H * H), ok},
+      {1, -2.0, H, 4.0 * (3.0 + H * H), ok}, {0, 1.0, H, 0.5, bad}, {1, 1.0, 0.0, 0.5, bad},
+      {1, 1.0, -H, 0.5, bad}};
+  // clang-format on
   for (const Row& r : rows) {
     SCOPED_TRACE(&r - rows);
     int n = r.n, m = 1;
