@@ -1,4 +1,4 @@
-// The section transform: the cubic kernel against hand-computed values, the
+// The section transform: the cubic kernels against hand-computed values, the
 // fast loop against the step-by-step reference, bit for bit, on models and
 // sizes that reach every pixel path and every clamp and on any number of
 // threads, and the section conversions against the casts.
@@ -72,6 +72,10 @@ TEST(CubicInterpolationTest, HandComputedValues) {
     EXPECT_EQ(cubicInterpolation(v, c.t), c.expected)
         << v[0] << " " << v[1] << " " << v[2] << " " << v[3] << " at " << c.t;
   }
+  // Row k is {k, k, k + 1, k}: 0.5625 more than k at 0.5 along each row, then
+  // a straight line down the column.
+  double n[4][4] = {{0, 0, 1, 0}, {1, 1, 2, 1}, {2, 2, 3, 2}, {3, 3, 4, 3}};
+  EXPECT_EQ(bicubicInterpolation(n, 0.5, 0.25), 1.8125);
 }
 
 // The fast loop against the reference on models and sizes that reach every
