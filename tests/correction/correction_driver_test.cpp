@@ -184,7 +184,7 @@ TEST(CorrectionRunTest, ResamplesShiftsInZAndRecordsStatistics) {
     std::vector<std::string> args = {"correction", dir.file("in.qf"), dir.file("p.txt"),
                                      dir.file("out.qf")};
     args.insert(args.end(), c.options.begin(), c.options.end());
-    const testutil::RunResult r = testutil::run(testutil::corvaneBinary(), args);
+    const testutil::RunResult r = testutil::run(CORVANE_BIN, args);
     EXPECT_EQ(r.exitStatus, 0) << r.err;
     EXPECT_EQ(r.out, kStdoutOfThreeChannels);
     checkOutput(dir.file("out.qf"), c.stack, c.outputSections, c.expected);
@@ -205,8 +205,6 @@ TEST(CorrectionRunTest, FailuresStopBeforeAnyOutputExists) {
   // clang-format off
   const std::vector<Case> cases = {
       {"no input stack", false, "", {}, "Can Not Open QF Input File" + stopped},
-      {"parameter file ending in a newline", true, "\n", {},
-       "Invalid Alignment Parameter Input File" + stopped},
       {"wavelength without a row", true, "no 700", {},
        "Alignment Parameter For Wavelength 700 Unavailable" + stopped},
       {"too few -zShift values", true, "", {"-zShift", "1:2"},
@@ -225,13 +223,10 @@ TEST(CorrectionRunTest, FailuresStopBeforeAnyOutputExists) {
                                              row(kStack, 500.0f, {}, true)};
     if (c.parameters == "no 700") rows.erase(rows.begin() + 1);
     writeParameters(dir.file("p.txt"), rows);
-    if (c.parameters == "\n") {
-      testutil::writeFile(dir.file("p.txt"), testutil::readFile(dir.file("p.txt")) + "\n");
-    }
     std::vector<std::string> args = {"correction", dir.file("in.qf"), dir.file("p.txt"),
                                      dir.file(c.output)};
     args.insert(args.end(), c.options.begin(), c.options.end());
-    const testutil::RunResult r = testutil::run(testutil::corvaneBinary(), args);
+    const testutil::RunResult r = testutil::run(CORVANE_BIN, args);
     EXPECT_EQ(r.exitStatus, 1);
     EXPECT_NE(r.err.find(c.errPart), std::string::npos) << r.err;
     ASSERT_GE(r.out.size(), c.expectedTail.size()) << r.out;

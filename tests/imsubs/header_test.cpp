@@ -2,8 +2,6 @@
 // headers of both layouts in both byte orders with a round trip through a
 // rewrite, the rounding rules of the encoder, the report text, header
 // images, the rectangle statistics and the unsupported calls.
-#include <gmock/gmock.h>
-
 #include <cstddef>
 
 #include "imsubs_fixture.h"
@@ -146,15 +144,12 @@ TEST_F(ImsubsHeader, EncodeRoundsEachFieldByItsOwnRule) {
       {"wave -500.4", [](IMStreamRecord* r) { r->fWaves[0] = -500.4f; }, iHdrOffWave(0), 2, -500},
       {"wave -500.6", [](IMStreamRecord* r) { r->fWaves[0] = -500.6f; }, iHdrOffWave(0), 2, -501},
       {"wave 500.5", [](IMStreamRecord* r) { r->fWaves[0] = 500.5f; }, iHdrOffWave(0), 2, 501},
-      {"wave -0.4", [](IMStreamRecord* r) { r->fWaves[0] = -0.4f; }, iHdrOffWave(0), 2, 0},
       {"wave 11", [](IMStreamRecord* r) { r->fWaves[11] = 610.5f; }, iHdrOffWave(11), 2, 611},
       {"value 3", [](IMStreamRecord* r) { r->fDataVal3 = -2.9399998f; }, hdroff::gnDataVal3, 2,
        -293},
       {"value 4", [](IMStreamRecord* r) { r->fDataVal4 = 1.239f; }, hdroff::gnDataVal4, 2, 123},
       {"sampling 2.5", [](IMStreamRecord* r) { r->fSampling[0] = 2.5f; }, hdroff::giXYZSampling, 4,
        3},
-      {"sampling 2.4", [](IMStreamRecord* r) { r->fSampling[2] = 2.4f; }, hdroff::giXYZSampling + 8,
-       4, 2},
       {"reduction", [](IMStreamRecord* r) { r->fReductionFactor = 1.5f; },
        hdroff::gnReductionFactor, 2, 2},
       {"waves cut", [](IMStreamRecord* r) { r->iNumW = 65537; }, hdroff::gwNumWaves, 2, 1},
@@ -204,17 +199,11 @@ TEST_F(ImsubsHeader, ReportOfAStackReadBackFromItsFile) {
                 "Image Type............................\t100\n"
                 "Lens ID Number........................\t10002\n"
                 "\nTitles................................\nfirst\nsecond title\n\n");
-  // With verbosity on, the classic reader reports too.
-  int size[3], sampling[3], mode;
+  int size[3], sampling[3], mode;  // the classic reader
   float mn, mx, mean;
-  IMAlPrt(1);
-  CaptureStdout();
   ASSERT_EQ(IMRdHdr(1, size, sampling, &mode, &mn, &mx, &mean), 0);
-  EXPECT_THAT(GetCapturedStdout(),
-              testing::HasSubstr("Size (W, T, P)........................\t2 1 1\n"));
-  EXPECT_EQ(Ints({size[2], sampling[0], mode}), Ints({6, 1, 2}));
-  EXPECT_EQ(Floats({mn, mx, mean}), Floats({0, 1000, 500}));
-  IMAlPrt(0);
+  EXPECT_EQ(Floats({float(size[2]), float(sampling[0]), float(mode), mn, mx, mean}),
+            Floats({6, 1, 2, 0, 1000, 500}));
 }
 
 TEST_F(ImsubsHeader, HeaderImagesStatisticsAndUnsupportedCalls) {
@@ -242,7 +231,6 @@ TEST_F(ImsubsHeader, HeaderImagesStatisticsAndUnsupportedCalls) {
   };
   Rect const rects[] = {{0, 3, 0, 2, 0, {-12, 11, 54.0f / 12}},
                         {2, 2, 1, 1, 0, {7, 7, 7}},
-                        {1, 2, 0, 1, 0, {2, 7, 4.5f}},
                         {2, 1, 0, 1, 10000, {99, 99, 99}},
                         {0, 1, 2, 1, 10000, {99, 99, 99}}};
   for (Rect const& c : rects) {
@@ -258,10 +246,8 @@ TEST_F(ImsubsHeader, HeaderImagesStatisticsAndUnsupportedCalls) {
       IM_CALL(IMRtHdr(5, image), 3,
               "IMRtHdr 5: internal stream numbering error.\nIMRtHdr 5: invalid stream.\n"),
       IM_CALL(IMInterp(), 904, "IMInterp: unsupported function.\n"),
-      IM_CALL(IMClLim(1), 904, "IMClLim: unsupported function.\n"),
       IM_CALL(IMClLim(3), 3, "IMClLim 3: internal stream numbering error.\n"),
       IM_CALL(IMRtExt(1), 0, "IMRtExt: function not supported.\n"),
-      IM_CALL(IMAlTltRot(1, nullptr), 0, "IMAlTltRot: function not supported.\n"),
       IM_CALL(IMTrHdr(2, 40), 3, "IMTrHdr 40: internal stream numbering error.\n"),
   });
   EXPECT_EQ(iTransferWinPositionToStructure(record(1)), 0);

@@ -1,8 +1,6 @@
 // Section addressing: the sequence codes, coordinate and section number as
 // exact inverses against a reference built from the code's name, the
 // refusals and the positioning arithmetic.
-#include <set>
-
 #include "imsubs_fixture.h"
 
 namespace imtest {
@@ -21,7 +19,6 @@ TEST_F(ImsubsSection, EveryCodeMapsCoordinatesOntoSectionsAndBack) {
     std::string const order = IMRtImgSequenceText(code);
     ASSERT_EQ(order, names[code]);
     ASSERT_EQ(IMAlImageSequence(1, code), 0);
-    std::set<int> seen;
     for (int c = 0; c < 120; ++c) {
       int const coord[4] = {c % 3, c / 3 % 2, c / 6 % 5, c / 30};
       int reference = 0;  // the axes of the name, fastest first
@@ -32,7 +29,6 @@ TEST_F(ImsubsSection, EveryCodeMapsCoordinatesOntoSectionsAndBack) {
       int sec = -1;
       ASSERT_EQ(IMRtSecNum2(1, coord[0], coord[1], coord[2], coord[3], &sec), 0);
       ASSERT_EQ(sec, reference) << order << " " << c;
-      seen.insert(sec);
       int back[4] = {-1, -1, -1, -1};
       ASSERT_EQ(IMRtZWTPNum(1, &back[0], &back[1], &back[2], &back[3], sec), 0);
       ASSERT_EQ(std::vector<int>(back, back + 4), std::vector<int>(coord, coord + 4)) << order;
@@ -41,8 +37,6 @@ TEST_F(ImsubsSection, EveryCodeMapsCoordinatesOntoSectionsAndBack) {
         ASSERT_EQ(sec, reference);
       }
     }
-    EXPECT_EQ(seen.size(), 120u);
-    EXPECT_EQ(*seen.rbegin(), 119);
   }
   // Refusals: a section number out of range, a coordinate out of range, an
   // unknown code; every output is zeroed.

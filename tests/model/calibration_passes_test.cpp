@@ -60,19 +60,19 @@ TEST(IterateFitPasses, StopsByTheFirstRuleThatHoldsAndRecordsEveryPass) {
     std::vector<double> warps;  // element 4 at each warp; the passes are one more
     std::vector<double> means;  // as recorded
   };
+  // A mean equal to the threshold goes on; a NaN threshold never stops. A
+  // pass without pairs keeps -1.0, which stops; changed parameters with no
+  // measurement keep the earlier figures.
+  // clang-format off
   const Case cases[] = {
       {{{1, 3}, {2, 2}, {3, 4}, {4, 5}, {5, 6}}, 5, 0.5, {1, 2, 3, 4}, {3, 2, 4, 5, 6}},
-      {{{1, 3}}, 1, 0.5, {}, {3}},
-      {{{1, 3}, {kSame, 2}}, 5, 0.5, {1}, {3, 2}},
+      {{{1, 3}}, 1, 0.5, {}, {3}}, {{{1, 3}, {kSame, 2}}, 5, 0.5, {1}, {3, 2}},
       {{{1, 3}, {2, 0.4}}, 5, 0.5, {1}, {3, 0.4}},
-      {{{1, 0.5}, {2, 0.49}}, 3, 0.5, {1}, {0.5, 0.49}},  // equal to the threshold goes on
+      {{{1, 0.5}, {2, 0.49}}, 3, 0.5, {1}, {0.5, 0.49}},
       {{{1, NAN}, {2, NAN}, {3, NAN}}, 3, 0.5, {1, 2}, {NAN, NAN, NAN}},
-      {{{1, 0.0}, {2, 0.0}}, 2, NAN, {1}, {0, 0}},  // a NaN threshold never stops
-      // A pass without pairs keeps -1.0, which stops; changed parameters
-      // with no measurement keep the earlier figures.
-      {{{kSame, 0, false}}, 5, 0.5, {}, {-1}},
-      {{{1, 3}, {2, 0, false}, {3, 2}}, 3, 0.5, {1, 2}, {3, 3, 2}},
-  };
+      {{{1, 0.0}, {2, 0.0}}, 2, NAN, {1}, {0, 0}}, {{{kSame, 0, false}}, 5, 0.5, {}, {-1}},
+      {{{1, 3}, {2, 0, false}, {3, 2}}, 3, 0.5, {1, 2}, {3, 3, 2}}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(&c - cases);
     const Outcome o = runScript(c.script, c.numIteration, c.errThreshold);
@@ -104,17 +104,13 @@ TEST(ChooseBestPass, TakesTheSmallestMeanAndTheEarliestAmongEquals) {
     std::vector<double> meanErrors;
     int best;
   };
+  // The last pass worse: an earlier one wins; the earliest of equals; a NaN
+  // is never smaller, and a leading NaN is never replaced.
+  // clang-format off
   const Case cases[] = {
-      {{3.0}, 0},
-      {{3.0, 2.0, 4.0}, 1},
-      {{1.0, 2.0, 3.0}, 0},            // the last pass worse: an earlier one wins
-      {{2.0, 1.0, 1.0, 1.5}, 1},       // earliest of equals
-      {{-1.0, -1.0}, 0},               // no pass measured
-      {{0.0, 0.0, 0.0, 0.0, 0.0}, 0},  // every pass under a pixel
-      {{2.0, NAN, 1.0}, 2},            // a NaN is never smaller
-      {{NAN, 1.0, 0.5}, 0},            // a leading NaN is never replaced
-      {{4.0, 3.0, 3.0 + 1e-15, 2.5}, 3},
-  };
+      {{3.0}, 0}, {{3.0, 2.0, 4.0}, 1}, {{1.0, 2.0, 3.0}, 0}, {{2.0, 1.0, 1.0, 1.5}, 1},
+      {{2.0, NAN, 1.0}, 2}, {{NAN, 1.0, 0.5}, 0}, {{4.0, 3.0, 3.0 + 1e-15, 2.5}, 3}};
+  // clang-format on
   for (const Case& c : cases) {
     EXPECT_EQ(chooseBestPass(c.meanErrors), c.best) << testing::PrintToString(c.meanErrors);
   }

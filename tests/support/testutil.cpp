@@ -2,13 +2,11 @@
 #include "support/testutil.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -17,76 +15,42 @@
 namespace testutil {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-struct Child {
-  pid_t pid = -1;
-  int outFd = -1, errFd = -1;
-};
-
-Child spawn(const std::string& program, const std::vector<std::string>& args) {
-  int outPipe[2], errPipe[2];
-  if (pipe(outPipe) != 0 || pipe(errPipe) != 0) throw std::runtime_error("pipe failed");
-  pid_t pid = fork();
+// Runs `program` with its output going to files, calls `onTick(pid, seconds)`
+// every few milliseconds while it runs, and kills it at the deadline.
+template <typename Tick>
+RunResult runWith(const std::string& program, const std::vector<std::string>& args,
+                  double timeoutSeconds, Tick onTick) {
+  ScratchDir dir;
+  const std::string out = dir.file("out"), err = dir.file("err");
+  std::vector<char*> argv{const_cast<char*>(program.c_str())};
+  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
     dup2(open("/dev/null", O_RDONLY), 0);
-    dup2(outPipe[1], 1);
-    dup2(errPipe[1], 2);
-    close(outPipe[0]);
-    close(errPipe[0]);
-    std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
+    dup2(open(out.c_str(), O_WRONLY | O_CREAT, 0600), 1);
+    dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0600), 2);
     execv(program.c_str(), argv.data());
     _exit(127);
   }
-  for (int* p : {outPipe, errPipe}) {
-    close(p[1]);
-    fcntl(p[0], F_SETFL, O_NONBLOCK);
-  }
-  return Child{pid, outPipe[0], errPipe[0]};
-}
-
-// Moves whatever is ready on fd into sink; returns false at end of file.
-bool drain(int fd, std::string& sink) {
-  char buffer[4096];
-  for (;;) {
-    ssize_t n = read(fd, buffer, sizeof buffer);
-    if (n > 0) {
-      sink.append(buffer, static_cast<size_t>(n));
-      continue;
-    }
-    return n < 0;  // EAGAIN: still open
-  }
-}
-
-// Collects output until both pipes close or the deadline passes; calls
-// `onTick` on every wake-up so a caller can act while the child runs.
-template <typename Tick>
-RunResult collect(Child child, double timeoutSeconds, Tick onTick) {
   RunResult result;
-  auto start = Clock::now();
-  bool outOpen = true, errOpen = true;
-  while ((outOpen || errOpen) && secondsSince(start) < timeoutSeconds) {
-    pollfd fds[2] = {{child.outFd, POLLIN, 0}, {child.errFd, POLLIN, 0}};
-    poll(fds, 2, 20);
-    if (outOpen) outOpen = drain(child.outFd, result.out);
-    if (errOpen) errOpen = drain(child.errFd, result.err);
-    onTick();
-  }
-  if (outOpen || errOpen) {
-    kill(child.pid, SIGKILL);
-    result.timedOut = true;
-  }
+  const auto start = std::chrono::steady_clock::now();
   int status = 0;
-  waitpid(child.pid, &status, 0);
-  close(child.outFd), close(child.errFd);
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    if (elapsed.count() >= timeoutSeconds) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      result.timedOut = true;
+      break;
+    }
+    onTick(pid, elapsed.count());
+    usleep(10 * 1000);
+  }
   result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  result.out = readFile(out);
+  result.err = readFile(err);
   return result;
 }
 
@@ -94,27 +58,19 @@ RunResult collect(Child child, double timeoutSeconds, Tick onTick) {
 
 RunResult run(const std::string& program, const std::vector<std::string>& args,
               double timeoutSeconds) {
-  return collect(spawn(program, args), timeoutSeconds, [] {});
+  return runWith(program, args, timeoutSeconds, [](pid_t, double) {});
 }
 
 RunResult runAndSignal(const std::string& program, const std::vector<std::string>& args,
                        int signalNumber, const std::string& triggerPath, double maxWaitSeconds) {
-  Child child = spawn(program, args);
-  auto start = Clock::now();
   bool sent = false;
-  return collect(child, maxWaitSeconds + 30.0, [&] {
-    bool triggered = !triggerPath.empty() && !readFile(triggerPath).empty();
-    if (!sent && (triggered || secondsSince(start) > maxWaitSeconds)) {
-      // Let the writer of the trigger file finish before interrupting it.
-      usleep(200 * 1000);
-      kill(child.pid, signalNumber);
-      sent = true;
-    }
+  return runWith(program, args, maxWaitSeconds + 30.0, [&](pid_t pid, double seconds) {
+    const bool triggered = !triggerPath.empty() && !readFile(triggerPath).empty();
+    if (sent || (!triggered && seconds <= maxWaitSeconds)) return;
+    usleep(200 * 1000);  // let the writer of the trigger file finish first
+    kill(pid, signalNumber);
+    sent = true;
   });
-}
-
-std::string corvaneBinary() {
-  return CORVANE_BIN;
 }
 
 ScratchDir::ScratchDir() {

@@ -25,9 +25,6 @@ RunResult runAndSignal(const std::string& program, const std::vector<std::string
                        int signalNumber, const std::string& triggerPath,
                        double maxWaitSeconds = 30.0);
 
-// The path of the corvane executable under test.
-std::string corvaneBinary();
-
 // A fresh directory under /tmp, removed with its contents on destruction.
 class ScratchDir {
  public:

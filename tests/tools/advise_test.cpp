@@ -1,5 +1,6 @@
 // corvane-assess --advise as a user runs it on a generated target: its
-// counts must be the spot library's own, and its command line must run.
+// counts must be the spot library's own, and its command line must name the
+// advised threshold.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -29,7 +30,7 @@ int keptBlobs(std::vector<double> plane, int numRows, int numCols) {
   return static_cast<int>(blobs.size());
 }
 
-TEST(AdviseTest, CountsAreTheLibrarysAndTheAdvisedCommandRuns) {
+TEST(AdviseTest, CountsAreTheLibrarysAndTheCommandNamesTheAdvisedThreshold) {
   synth::Config config;
   config.geometry.numCols = config.geometry.numRows = 320;
   config.geometry.numZ = 8;
@@ -37,8 +38,9 @@ TEST(AdviseTest, CountsAreTheLibrarysAndTheAdvisedCommandRuns) {
   ASSERT_EQ(synth::validateConfig(config), "");
   testutil::ScratchDir dir;
   const std::string target = dir.file("t.qf");
-  ASSERT_EQ(synth::writeTarget(target, config, synth::makeTruth(config), synth::makeSpots(config), 2),
-            "");
+  ASSERT_EQ(
+      synth::writeTarget(target, config, synth::makeTruth(config), synth::makeSpots(config), 2),
+      "");
   const testutil::RunResult r = testutil::run(CORVANE_ASSESS_BIN, {"--advise", target}, 120.0);
   ASSERT_EQ(r.exitStatus, 0) << r.err;
 
@@ -61,11 +63,12 @@ TEST(AdviseTest, CountsAreTheLibrarysAndTheAdvisedCommandRuns) {
                             &libraryFocus);
     EXPECT_EQ(channel, w);
     EXPECT_EQ(focus, libraryFocus);
-    EXPECT_EQ(kept, keptBlobs(std::vector<double>(section.begin(), section.end()), numRows, numCols));
+    EXPECT_EQ(kept,
+              keptBlobs(std::vector<double>(section.begin(), section.end()), numRows, numCols));
   }
   IMClose(5);
 
-  // The advised threshold is the one the command names, and the command runs.
+  // The advised threshold is the one the command names.
   const size_t arrow = r.out.find("<- advised");
   ASSERT_NE(arrow, std::string::npos) << r.out;
   const double advised = std::stod(r.out.substr(r.out.rfind('\n', arrow) + 1));
@@ -77,11 +80,6 @@ TEST(AdviseTest, CountsAreTheLibrarysAndTheAdvisedCommandRuns) {
   ASSERT_GE(args.size(), 6u);
   EXPECT_EQ(args[args.size() - 2], "-gridThreshold");
   EXPECT_DOUBLE_EQ(std::stod(args.back()), advised);
-  args.erase(args.begin());
-  args[2] = dir.file("p.txt");
-  const testutil::RunResult calibration = testutil::run(CORVANE_BIN, args, 300.0);
-  EXPECT_EQ(calibration.exitStatus, 0) << calibration.out;
-  EXPECT_TRUE(testutil::fileExists(dir.file("p.txt")));
 }
 
 }  // namespace

@@ -39,11 +39,8 @@ TEST(GeneratorTest, CommandLineAndSameSeedSameBytesWhateverTheThreads) {
   EXPECT_NE(help.out.find("99.5th"), std::string::npos);
   const std::vector<std::pair<std::vector<std::string>, const char*>> refused = {
       {{"--high-order", dir.path()}, "linear model"},
-      {{"--size", "32", dir.path()}, "at least 64"},
       {{"--sections", "4", dir.path()}, "do not fit"},
-      {{"--wavelengths", "500.2,500.7", dir.path()}, "whole nanometres"},
       {{"--channel", "0:tx=1", dir.path()}, "reference channel"},
-      {{"--channel", "1:spin=1", dir.path()}, "unknown model key"},
       {{"--channel", "1:dz=0.5", dir.path()}, "whole number of sections"},
       {{"--bogus", dir.path()}, "bad option"},
       {{}, "OUTPUT_DIR"},

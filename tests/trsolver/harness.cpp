@@ -1,41 +1,51 @@
-// The reverse-communication loop of the application's wrappers, for tests.
+// The handle of either family and the reverse-communication loop of the
+// application's wrappers, for tests.
 #include "harness.h"
 
 #include <cstddef>
 
+int Handle::init() {
+  return bounded ? DTRNLSPBC_INIT(&h, &n, &m, x.data(), lw.data(), up.data(), eps.data(), &iter1,
+                                  &iter2, &rs)
+                 : DTRNLSP_INIT(&h, &n, &m, x.data(), eps.data(), &iter1, &iter2, &rs);
+}
+int Handle::solve(double* fvec, double* fjac) {
+  return bounded ? DTRNLSPBC_SOLVE(&h, fvec, fjac, &rci) : DTRNLSP_SOLVE(&h, fvec, fjac, &rci);
+}
+int Handle::get(int* iterations, int* reason, double* r1, double* r2) {
+  return bounded ? DTRNLSPBC_GET(&h, iterations, reason, r1, r2)
+                 : DTRNLSP_GET(&h, iterations, reason, r1, r2);
+}
+int Handle::del() {
+  return bounded ? DTRNLSPBC_DELETE(&h) : DTRNLSP_DELETE(&h);
+}
+
 namespace {
 
-template <typename Solve, typename Get, typename Delete>
-SolveOutcome runLoop(TrHandle handle, TrResidualFunction f, void* data, int n, int m,
-                     std::vector<double>& x, std::vector<double>& eps, const SolveSetup& setup,
-                     Solve solve, Get get, Delete del) {
+SolveOutcome runLoop(Handle& h, TrResidualFunction f, void* data, const SolveSetup& setup) {
   SolveOutcome out;
-  out.initStatus = TRS_OK;
-  std::vector<double> fvec(static_cast<std::size_t>(m)), fjac(static_cast<std::size_t>(m) * n);
-  const double step[1] = {setup.jacobianStep > 0.0 ? setup.jacobianStep : eps[0]};
-  int rci = 0;
-  for (;;) {
-    if (out.solveCalls >= setup.maxSolveCalls) {
-      out.runaway = true;
-      break;
-    }
+  out.initStatus = h.init();
+  if (out.initStatus != TRS_OK) return out;
+  std::vector<double> fvec(static_cast<std::size_t>(h.m)),
+      fjac(static_cast<std::size_t>(h.m) * h.n);
+  const double step[1] = {setup.jacobianStep > 0.0 ? setup.jacobianStep : h.eps[0]};
+  while (!(out.runaway = out.solveCalls >= setup.maxSolveCalls)) {
     ++out.solveCalls;
-    out.solveStatus = solve(&handle, fvec.data(), fjac.data(), &rci);
-    out.rci = rci;
-    if (out.solveStatus != TRS_OK) break;
-    if (rci <= -1 && rci >= -6) break;
-    if (rci == 1) {
+    out.solveStatus = h.solve(fvec.data(), fjac.data());
+    out.rci = h.rci;
+    if (out.solveStatus != TRS_OK || (h.rci <= -1 && h.rci >= -6)) break;
+    if (h.rci == 1) {
       ++out.residualCalls;
-      if (setup.recordVisited) out.visited.push_back(x);
-      f(&m, &n, x.data(), fvec.data(), data);
-    } else if (rci == 2) {
+      if (setup.recordVisited) out.visited.push_back(h.x);
+      f(&h.m, &h.n, h.x.data(), fvec.data(), data);
+    } else if (h.rci == 2) {
       ++out.jacobianCalls;
-      DJACOBIX(f, &n, &m, fjac.data(), x.data(), step, data);
+      DJACOBIX(f, &h.n, &h.m, fjac.data(), h.x.data(), step, data);
     }
   }
-  get(&handle, &out.iterations, &out.stopReason, &out.r1, &out.r2);
-  del(&handle);
-  out.x = x;
+  h.get(&out.iterations, &out.stopReason, &out.r1, &out.r2);
+  h.del();
+  out.x = h.x;
   return out;
 }
 
@@ -43,23 +53,12 @@ SolveOutcome runLoop(TrHandle handle, TrResidualFunction f, void* data, int n, i
 
 SolveOutcome solveFree(TrResidualFunction f, void* data, int n, int m, std::vector<double> x0,
                        const SolveSetup& setup) {
-  std::vector<double> eps = setup.eps;
-  TrHandle handle = nullptr;
-  SolveOutcome out;
-  out.initStatus =
-      DTRNLSP_INIT(&handle, &n, &m, x0.data(), eps.data(), &setup.iter1, &setup.iter2, &setup.rs);
-  if (out.initStatus != TRS_OK) return out;
-  return runLoop(handle, f, data, n, m, x0, eps, setup, DTRNLSP_SOLVE, DTRNLSP_GET, DTRNLSP_DELETE);
+  Handle h{false, n, m, setup.iter1, setup.iter2, 0, setup.rs, x0, {}, {}, setup.eps};
+  return runLoop(h, f, data, setup);
 }
 
 SolveOutcome solveBounded(TrResidualFunction f, void* data, int n, int m, std::vector<double> x0,
                           std::vector<double> lw, std::vector<double> up, const SolveSetup& setup) {
-  std::vector<double> eps = setup.eps;
-  TrHandle handle = nullptr;
-  SolveOutcome out;
-  out.initStatus = DTRNLSPBC_INIT(&handle, &n, &m, x0.data(), lw.data(), up.data(), eps.data(),
-                                  &setup.iter1, &setup.iter2, &setup.rs);
-  if (out.initStatus != TRS_OK) return out;
-  return runLoop(handle, f, data, n, m, x0, eps, setup, DTRNLSPBC_SOLVE, DTRNLSPBC_GET,
-                 DTRNLSPBC_DELETE);
+  Handle h{true, n, m, setup.iter1, setup.iter2, 0, setup.rs, x0, lw, up, setup.eps};
+  return runLoop(h, f, data, setup);
 }

@@ -1,12 +1,26 @@
-// Drives the solver the way the application's wrappers do: init, a loop of
-// solve calls answering the requests (the Jacobian by djacobix), get, delete;
-// with a bound on the loop so that a runaway iteration fails a test instead
-// of hanging it.
+// A handle of either solver family, and a driver that runs it the way the
+// application's wrappers do: init, a loop of solve calls answering the
+// requests (the Jacobian by djacobix), get, delete; with a bound on the loop
+// so that a runaway iteration fails a test instead of hanging it.
 #pragma once
 
 #include <vector>
 
 #include "trsolver/trsolver.h"
+
+// The arguments of one handle; by default n = m = 1 and six eps of 1e-4.
+struct Handle {
+  bool bounded;
+  int n = 1, m = 1, iter1 = 1000, iter2 = 100, rci = 0;
+  double rs = 100.0;
+  // Nothing checks that lw lies under up or that x lies between them.
+  std::vector<double> x = {1.0}, lw = {1.0}, up = {0.0}, eps = std::vector<double>(6, 1e-4);
+  TrHandle h = reinterpret_cast<TrHandle>(0x1234);
+  int init();
+  int solve(double* fvec, double* fjac);
+  int get(int* iterations, int* reason, double* r1, double* r2);
+  int del();
+};
 
 struct SolveSetup {
   std::vector<double> eps = std::vector<double>(6, 1e-4);

@@ -1,5 +1,5 @@
-// The edge cases that decide the checks of init, the stop reasons, the
-// radius rules and the request protocol, for both families.
+// The edge cases that decide the checks of init, the stop reasons and the
+// radius rules, for both families.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -15,32 +15,10 @@ namespace {
 
 constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
 
-// Creates a handle of either family on n = m = 1 with six eps of 1e-4.
-struct Handle {
-  bool bounded;
-  int n = 1, m = 1, iter1 = 1000, iter2 = 100, rci = 0;
-  double rs = 100.0;
-  // Nothing checks that lw lies under up or that x lies between them.
-  std::vector<double> x = {1.0}, lw = {1.0}, up = {0.0}, eps = std::vector<double>(6, 1e-4);
-  TrHandle h = reinterpret_cast<TrHandle>(0x1234);
-  int init() {
-    return bounded ? DTRNLSPBC_INIT(&h, &n, &m, x.data(), lw.data(), up.data(), eps.data(), &iter1,
-                                    &iter2, &rs)
-                   : DTRNLSP_INIT(&h, &n, &m, x.data(), eps.data(), &iter1, &iter2, &rs);
-  }
-  int solve(double* fvec, double* fjac) {
-    return bounded ? DTRNLSPBC_SOLVE(&h, fvec, fjac, &rci) : DTRNLSP_SOLVE(&h, fvec, fjac, &rci);
-  }
-  int get(int* iterations, int* reason, double* r1, double* r2) {
-    return bounded ? DTRNLSPBC_GET(&h, iterations, reason, r1, r2)
-                   : DTRNLSP_GET(&h, iterations, reason, r1, r2);
-  }
-  int del() { return bounded ? DTRNLSPBC_DELETE(&h) : DTRNLSP_DELETE(&h); }
-  template <typename State>
-  State* state() {
-    return static_cast<State*>(h->state);
-  }
-};
+template <typename State>
+State* stateOf(const Handle& h) {
+  return static_cast<State*>(h.h->state);
+}
 
 }  // namespace
 
@@ -52,24 +30,19 @@ TEST(SolverProtocol, InitChecks) {
     double epsValue, storedRs;
     int status;
   };
+  const int ok = TRS_OK, bad = TRS_BAD_ARGUMENT;
+  // clang-format off
   std::vector<Case> cases = {
-      {1, 3, 1000, 100, 100.0, -1, 0, 100.0, TRS_OK},
-      {3, 3, 1000, 100, 100.0, -1, 0, 100.0, TRS_OK},
-      {3, 2, 1000, 100, 100.0, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {0, 3, 1000, 100, 100.0, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 0, 1000, 100, 100.0, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 0, 100, 100.0, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 1000, 0, 100.0, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 1000, 100, 0.0, -1, 0, 100.0, TRS_OK},
-      {2, 3, 1000, 100, 0.5, -1, 0, 0.5, TRS_OK},
-      {2, 3, 1000, 100, 100.5, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 1000, 100, -1e-300, -1, 0, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 1000, 100, NaN, -1, 0, NaN, TRS_OK},
-      {2, 3, 1000, 100, 100.0, 3, -1e-4, 0, TRS_BAD_ARGUMENT},
-      {2, 3, 1000, 100, 100.0, 5, NaN, 100.0, TRS_OK},
-  };
-  for (int k = 0; k < 6; ++k)
-    cases.push_back({2, 3, 1000, 100, 100.0, k, 0.0, 0, TRS_BAD_ARGUMENT});
+      {1, 3, 1000, 100, 100.0, -1, 0, 100.0, ok}, {3, 3, 1000, 100, 100.0, -1, 0, 100.0, ok},
+      {3, 2, 1000, 100, 100.0, -1, 0, 0, bad}, {0, 3, 1000, 100, 100.0, -1, 0, 0, bad},
+      {2, 0, 1000, 100, 100.0, -1, 0, 0, bad}, {2, 3, 0, 100, 100.0, -1, 0, 0, bad},
+      {2, 3, 1000, 0, 100.0, -1, 0, 0, bad}, {2, 3, 1000, 100, 0.0, -1, 0, 100.0, ok},
+      {2, 3, 1000, 100, 0.5, -1, 0, 0.5, ok}, {2, 3, 1000, 100, 100.5, -1, 0, 0, bad},
+      {2, 3, 1000, 100, -1e-300, -1, 0, 0, bad}, {2, 3, 1000, 100, NaN, -1, 0, NaN, ok},
+      {2, 3, 1000, 100, 100.0, 3, -1e-4, 0, bad}, {2, 3, 1000, 100, 100.0, 5, NaN, 100.0, ok},
+      {2, 3, 1, 1, 100.0, -1, 0, 100.0, ok}};
+  // clang-format on
+  for (int k = 0; k < 6; ++k) cases.push_back({2, 3, 1000, 100, 100.0, k, 0.0, 0, bad});
   for (bool bounded : {false, true}) {
     for (const Case& c : cases) {
       SCOPED_TRACE(testing::Message() << (bounded ? "bounded " : "free ") << &c - cases.data());
@@ -83,7 +56,7 @@ TEST(SolverProtocol, InitChecks) {
         continue;
       }
       const TrResiduals* r =
-          bounded ? h.state<TrStateBounded>()->residuals : h.state<TrState>()->residuals;
+          bounded ? stateOf<TrStateBounded>(h)->residuals : stateOf<TrState>(h)->residuals;
       EXPECT_TRUE(r->rs == c.storedRs || (std::isnan(r->rs) && std::isnan(c.storedRs)));
       int iterations = -7, reason = -7;  // get before any solve: all zero
       double r1 = -7, r2 = -7;
@@ -109,7 +82,7 @@ void checkDigest(bool bounded, const DigestCase& c) {
   Handle h{bounded};
   h.x = {1.5}, h.lw = {-10.0}, h.up = {10.0};
   ASSERT_EQ(h.init(), TRS_OK);
-  State* st = h.state<State>();
+  State* st = stateOf<State>(h);
   st->first_pass = 0, st->phase = 2, st->eta = 1e-4, st->count = 0, st->fnorm = 2.0;
   st->jsnorm = c.jsnorm, st->lambda = c.lambda, st->snorm = c.snorm, st->delta = c.delta;
   st->ratio = 0.0, st->step[0] = 0.5, st->saved_residual[0] = 2.0;
@@ -155,19 +128,16 @@ TEST(SolverProtocol, RatioAcceptanceAndRadiusRules) {
     checkDigest<TrStateBounded>(true, c);
   }
 
-  struct Row {
-    double j, x, rs, expected;
-  };
   // |c x| rs; column norms are positive; a zero column counts as 1; a
   // candidate at or below eps[0] gives rs itself.
-  const Row rows[] = {{2.0, 3.0, 100.0, 600.0},
-                      {-2.0, 3.0, 100.0, 600.0},
-                      {0.0, 3.0, 100.0, 300.0},
-                      {2.0, 0.0, 100.0, 100.0},
-                      {2.0, 3.0, 0.5, 3.0}};
-  for (const Row& r : rows) {
+  // clang-format off
+  const double radii[][4] = {
+      {2.0, 3.0, 100.0, 600.0}, {-2.0, 3.0, 100.0, 600.0}, {0.0, 3.0, 100.0, 300.0},
+      {2.0, 0.0, 100.0, 100.0}, {2.0, 3.0, 0.5, 3.0}};
+  // clang-format on
+  for (const auto& [j, x, rs, expected] : radii) {
     double work[1];
-    EXPECT_EQ(trs_initial_radius(1, 1, &r.j, &r.x, r.rs, 1e-4, work), r.expected);
+    EXPECT_EQ(trs_initial_radius(1, 1, &j, &x, rs, 1e-4, work), expected);
   }
   const double small[4] = {1e-5, 0.0, -1e-5, 0.0}, edge[4] = {1e-5, 0.0, 1e-4, 0.0};
   EXPECT_TRUE(trs_all_columns_small(2, 2, small, 1e-4));
@@ -236,29 +206,6 @@ TEST(SolverProtocol, StopReasonsOfSmallProblems) {
       EXPECT_TRUE(r.jacobianCalls < 0 || o.jacobianCalls == r.jacobianCalls);
       EXPECT_TRUE((r.reason != 3 && r.reason != 5) || o.r1 == o.r2);
       EXPECT_TRUE(r.reason != 1 || o.residualCalls >= 3);  // a rejected trial came first
-    }
-  }
-}
-
-TEST(SolverProtocol, RequestSequences) {
-  for (bool bounded : {false, true}) {
-    SCOPED_TRACE(bounded ? "bounded" : "free");
-    double fvec[1] = {0.0}, fjac[1] = {0.0};
-    for (int request : {-1, -2, 7}) {
-      Handle h{bounded};
-      h.x = {3.0}, h.lw = {-10.0}, h.up = {10.0};
-      ASSERT_EQ(h.init(), TRS_OK);
-      h.rci = request;
-      EXPECT_EQ(h.solve(fvec, fjac), TRS_OK);
-      // A stop on request leaves 0, so a loop that tests for negatives goes
-      // on; any other entry value counts as 0 and sets up the run.
-      EXPECT_EQ(h.rci, request == 7 ? 1 : 0);
-      int it = 9, reason = 9;
-      double r1, r2;
-      h.get(&it, &reason, &r1, &r2);
-      EXPECT_EQ(reason, request == 7 ? 0 : request);
-      EXPECT_EQ(it, 0);
-      h.del();
     }
   }
 }

@@ -95,15 +95,15 @@ TEST(FeasibleStep, DistanceScale) {
     Vector jac, f, x, lw, up, expected;
   };
   const double onBound = 1.0 / std::sqrt(1e-18);
+  // Toward the lower bound, the upper, on each; a zero gradient takes the
+  // nearer bound; no upper, no lower, no bound at all.
+  // clang-format off
   const std::vector<Row> rows = {
-      {1, 1, {1}, {1}, {0.25}, {0}, {1}, {2.0}},  // toward the lower bound
+      {1, 1, {1}, {1}, {0.25}, {0}, {1}, {2.0}},
       {1, 1, {1}, {-1}, {0.25}, {0}, {1}, {1.0 / std::sqrt(0.75)}},
-      {1, 1, {1}, {1}, {0}, {0}, {1}, {onBound}},
-      {1, 1, {1}, {-1}, {1}, {0}, {1}, {onBound}},
-      {1, 1, {1}, {0}, {0.25}, {0}, {1}, {2.0}},  // zero gradient: nearer bound
-      {1, 1, {1}, {0}, {1}, {0}, {1}, {onBound}},
-      {1, 1, {1}, {-1}, {0.25}, {0}, {U}, {1.0}},  // no upper bound
-      {1, 1, {1}, {1}, {0.25}, {-U}, {1}, {1.0}},
+      {1, 1, {1}, {1}, {0}, {0}, {1}, {onBound}}, {1, 1, {1}, {-1}, {1}, {0}, {1}, {onBound}},
+      {1, 1, {1}, {0}, {0.25}, {0}, {1}, {2.0}}, {1, 1, {1}, {0}, {1}, {0}, {1}, {onBound}},
+      {1, 1, {1}, {-1}, {0.25}, {0}, {U}, {1.0}}, {1, 1, {1}, {1}, {0.25}, {-U}, {1}, {1.0}},
       {1, 1, {1}, {0}, {0.25}, {-U}, {U}, {1.0}},
       // The sign comes from the first n residuals: +1, while the full
       // gradient is -2 and would give the upper distance 0.8.
@@ -111,6 +111,7 @@ TEST(FeasibleStep, DistanceScale) {
       // An infinite bound matches no case: the running value of the first stays.
       {2, 2, {1, 0, 0, 1}, {1, -1}, {0.25, 0.5}, {0, 0}, {1, HUGE_VAL}, {2, 2}},
   };
+  // clang-format on
   for (const Row& r : rows) {
     SCOPED_TRACE(&r - rows.data());
     Vector g(r.n), d(r.n);
@@ -121,31 +122,31 @@ TEST(FeasibleStep, DistanceScale) {
 }
 
 TEST(FeasibleStep, ProjectionDrawBackInteriorDescentAndMixing) {
-  struct Projection {
-    double p, lw, up, w, a;
-  };
   // x = 0.5: inside, beyond the upper, beyond the lower bound, exactly on
   // the bound (counts as reaching it), crossed bounds (the last test decides).
-  for (const Projection& r : {Projection{0.2, 0, 1, 0.2, 0.0}, Projection{0.7, 0, 1, 0.5, 0.5},
-                              Projection{-0.6, 0, 1, -0.5, -0.5}, Projection{0.5, 0, 1, 0.5, 0.5},
-                              Projection{0.0, 1, 0, -0.5, -0.5}}) {
+  // clang-format off
+  const double projections[][5] = {
+      {0.2, 0, 1, 0.2, 0.0}, {0.7, 0, 1, 0.5, 0.5}, {-0.6, 0, 1, -0.5, -0.5},
+      {0.5, 0, 1, 0.5, 0.5}, {0.0, 1, 0, -0.5, -0.5}};
+  // clang-format on
+  for (const auto& [p, lw, up, wanted, reached] : projections) {
     const double x = 0.5;
     double w = NaN, a = NaN;
-    trs_project_onto_box(1, &x, &r.p, &r.lw, &r.up, &w, &a);
-    EXPECT_EQ(w, r.w);
-    EXPECT_EQ(a, r.a);
+    trs_project_onto_box(1, &x, &p, &lw, &up, &w, &a);
+    EXPECT_EQ(w, wanted);
+    EXPECT_EQ(a, reached);
   }
 
   // Beta = (G.a + (J^T J w).a) / (J^T J a).a, held in [0.0005, 0.05].
-  struct DrawBack {
-    double f, w, a, beta;
-  };
-  for (const DrawBack& r : {DrawBack{100, 0.5, 0.5, 0.05}, DrawBack{-100, 0.5, 0.5, 0.0005},
-                            DrawBack{1, 0.2, 0.0, 0.0005}, DrawBack{-0.191, 0.2, 0.2, 0.045}}) {
+  // clang-format off
+  const double drawBacks[][4] = {
+      {100, 0.5, 0.5, 0.05}, {-100, 0.5, 0.5, 0.0005}, {1, 0.2, 0.0, 0.0005},
+      {-0.191, 0.2, 0.2, 0.045}};
+  // clang-format on
+  for (const auto& [f, w, a, beta] : drawBacks) {
     const double j = 1.0;
     double grad, column, row;
-    EXPECT_NEAR(trs_draw_back_factor(1, 1, &j, &r.f, &r.w, &r.a, &grad, &column, &row), r.beta,
-                1e-15);
+    EXPECT_NEAR(trs_draw_back_factor(1, 1, &j, &f, &w, &a, &grad, &column, &row), beta, 1e-15);
   }
 
   struct Interior {
@@ -168,14 +169,12 @@ TEST(FeasibleStep, ProjectionDrawBackInteriorDescentAndMixing) {
     for (size_t i = 0; i < out.size(); ++i) EXPECT_DOUBLE_EQ(out[i], r.r[i]);
   }
 
-  struct Mixing {
-    double f, jq, jr, mu;
-  };
   // q good enough: s is q; f and Mr both 0: Rho = -0.9 and Mu 1; q useless,
   // r perfect: 0.5 (1 - Mu)^2 = 0.45.
-  for (const Mixing& r : {Mixing{1.0, -1.0, -0.5, 0.0}, Mixing{0.0, 1.0, 0.0, 1.0},
-                          Mixing{1.0, 0.0, -1.0, 1.0 - std::sqrt(0.9)}}) {
+  const double mixings[][4] = {
+      {1.0, -1.0, -0.5, 0.0}, {0.0, 1.0, 0.0, 1.0}, {1.0, 0.0, -1.0, 1.0 - std::sqrt(0.9)}};
+  for (const auto& [f, jq, jr, mu] : mixings) {
     double v, e;
-    EXPECT_DOUBLE_EQ(trs_mixing_factor(1, &r.f, &r.jq, &r.jr, 0.1, &v, &e), r.mu);
+    EXPECT_DOUBLE_EQ(trs_mixing_factor(1, &f, &jq, &jr, 0.1, &v, &e), mu);
   }
 }
