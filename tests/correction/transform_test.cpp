@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <vector>
 
 #include "correction/correction.h"
@@ -152,6 +153,22 @@ TEST(ImageTransformTest, SectionConversionsAreTheCasts) {
   widenSection(cast, widened, count);
   for (int i = 0; i < count; ++i) exact[i] = cast[i];
   EXPECT_EQ(std::memcmp(widened, exact, sizeof(exact)), 0);
+}
+
+// A failed allocation in one spot's task on a worker thread must reach the
+// caller (and the program's handler) as the exception, after the other tasks.
+TEST(ParallelLoops, AFailureOnAWorkerThreadReachesTheCaller) {
+  const int defaultThreads = omp_get_max_threads();
+  omp_set_num_threads(2);
+  std::vector<int> done(8, 0);
+  EXPECT_THROW(forEachSpotInOrder(8,
+                                  [&](int k) {
+                                    if (k == 5) throw std::bad_alloc();
+                                    done[k] = 1;
+                                  }),
+               std::bad_alloc);
+  EXPECT_EQ(std::count(done.begin(), done.end(), 1), 7);
+  omp_set_num_threads(defaultThreads);
 }
 
 }  // namespace
