@@ -481,19 +481,6 @@ std::vector<SectionAddress> channelSections(const InputStack& s, const ZRange& r
   return sections;
 }
 
-// One step of waiting for another thread's work of about a millisecond; a
-// waiter yields its core now and then, for more threads than cores.
-void pauseBriefly(int& spins) {
-  constexpr int kSpinsBeforeYield = 1 << 10;
-  if (++spins % kSpinsBeforeYield == 0) {
-    std::this_thread::yield();
-    return;
-  }
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#endif
-}
-
 // Widens the section a slot holds for the transform, unless its read failed.
 void widenSlot(SectionSlot& slot) {
   if (slot.readFailure == nullptr) {
@@ -550,8 +537,8 @@ void streamSections(const CorrectionRun& run, const std::vector<SectionAddress>&
         if (k + 1 < count) fillSlot(slotOf(k + 1), sections[k + 1], inputHasValues);
         nextRead.store(true, std::memory_order_release);
         if (k > 0) writeSectionPixels(slotOf(k - 1).address, slotOf(k - 1).pixels.data());
-        int spins = 0;
-        while (!measured.load(std::memory_order_acquire)) pauseBriefly(spins);
+        // The measuring takes about a millisecond and has usually ended by now.
+        while (!measured.load(std::memory_order_acquire)) std::this_thread::yield();
         if (k > 0) recordSection(slotOf(k - 1), previous, pixelsPerSection, channel);
         widenNextOnce();
       });
