@@ -26,6 +26,28 @@ void printFitLine(const char* line) {
   fitLineSink->push_back('\n');
 }
 
+std::string holdFitLines(const std::function<void()>& task) {
+  std::string held;
+  std::string* const outer = fitLineSink;
+  fitLineSink = &held;
+  try {
+    task();
+  } catch (...) {
+    fitLineSink = outer;
+    throw;
+  }
+  fitLineSink = outer;
+  return held;
+}
+
+void printHeldFitLines(const std::string& held) {
+  if (fitLineSink == nullptr) {
+    fputs(held.c_str(), stdout);
+    return;
+  }
+  fitLineSink->append(held);
+}
+
 void forEachSpotInOrder(int count, const std::function<void(int)>& task) {
   if (count <= 0) return;
   // Inside a region already, or with one thread, the plain loop prints as it

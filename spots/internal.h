@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
+#include <string>
 #include <vector>
 
 // Sorts ascending with NaN values moved behind all numbers, so that the
@@ -17,3 +19,9 @@ void binValues(const double* values, std::size_t count, double lowest, double hi
 // Prints one line of a spot fit's solver, as puts does; while the calling
 // thread runs a task of forEachSpotInOrder, the line is held for that task.
 void printFitLine(const char* line);
+
+// Runs `task` with the lines its fits print held back, and returns them.
+std::string holdFitLines(const std::function<void()>& task);
+
+// Prints lines that holdFitLines returned, where printFitLine would now.
+void printHeldFitLines(const std::string& held);

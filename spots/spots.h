@@ -150,7 +150,9 @@ void findSpotCandidates(double** reference, int numRows, int numCols,
 // referencePoints is the same spot. Candidates are the regional maxima above
 // the gridThreshold percentile of `reference`, 30 pixels or more from every
 // edge; each is fitted at the same integer position in both images. Neither
-// image is changed; the lists are not cleared first.
+// image is changed; the lists are not cleared first. The reference's
+// candidates and fits are kept, with a copy of its pixels, and used again
+// while a reference of the same pixels and gridThreshold comes in.
 void findCorrespondencePoint(double** image, double** reference, int numRows, int numCols,
                              std::vector<CorvanePoint2D>& imagePoints,
                              std::vector<CorvanePoint2D>& referencePoints);

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 
@@ -117,5 +118,31 @@ TEST(FindCorrespondencePoint, NothingBrightInsideTheBorderMakesEveryPixelACandid
     Pairs p = pair(image, reference);
     EXPECT_EQ(p.reference.size(), c.pairs);
     EXPECT_EQ(p.image.size(), c.pairs);
+  }
+}
+
+// The reference's candidates and fits are kept from one pairing to the next:
+// a reference edited in place must be measured again, and an equal one in
+// another buffer must give the very same pairs.
+TEST(FindCorrespondencePoint, AReferenceEditedInPlaceIsMeasuredAgain) {
+  ScopedGridThreshold threshold(0.995);
+  Plane reference = spotImage(160, 160, kGrid);
+  Plane image = spotImage(160, 160, kGrid, 0.4, -0.3);
+  const Pairs before = pair(image, reference);
+  std::vector<Spot> moved = kGrid;
+  moved[2].col += 0.5;  // kGridRaster[2]
+  const Plane edit = spotImage(160, 160, moved);
+  std::copy(edit.px.begin(), edit.px.end(), reference.px.begin());  // same buffer
+  const Pairs after = pair(image, reference);
+  ASSERT_EQ(after.reference.size(), before.reference.size());
+  EXPECT_NEAR(after.reference[2].x - before.reference[2].x, 0.5, 1e-2);
+  Plane copy = reference;
+  const Pairs again = pair(image, copy);
+  ASSERT_EQ(again.reference.size(), after.reference.size());
+  for (std::size_t k = 0; k < again.reference.size(); ++k) {
+    EXPECT_EQ(again.reference[k].x, after.reference[k].x) << k;
+    EXPECT_EQ(again.reference[k].y, after.reference[k].y) << k;
+    EXPECT_EQ(again.image[k].x, after.image[k].x) << k;
+    EXPECT_EQ(again.image[k].y, after.image[k].y) << k;
   }
 }
