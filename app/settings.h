@@ -6,8 +6,12 @@
 // Paths are not copied: they point into the process's argument vector.
 #pragma once
 
+#include <cstdio>
 #include <exception>
+#include <functional>
 #include <mutex>
+#include <string>
+#include <utility>
 #include <vector>
 
 extern int calibration;
@@ -66,3 +70,25 @@ class RegionFailure {
   std::mutex mutex_;
   std::exception_ptr first_;
 };
+
+// What a piece of work printed while its output was held: text in order,
+// each part with its stream.
+class HeldOutput {
+ public:
+  void append(std::FILE* stream, const std::string& text);
+  // Prints it all, through consolePrint: into the caller's own hold, if any.
+  void print() const;
+
+ private:
+  std::vector<std::pair<std::FILE*, std::string>> chunks_;
+};
+
+// Writes `text` to `stream` and flushes it; while the calling thread runs
+// work under holdOutput, appends it to that work's HeldOutput instead. Work
+// that may run ahead of its turn (spot fits on several threads, channels
+// calibrated at once) prints through this, so that the console reads as
+// after a run on one thread.
+void consolePrint(std::FILE* stream, const std::string& text);
+
+// Runs `work` on the calling thread with its console output added to `into`.
+void holdOutput(HeldOutput& into, const std::function<void()>& work);

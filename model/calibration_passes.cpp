@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <cassert>
 #include <cstdio>
+#include <string>
 
+#include "app/settings.h"
 #include "model/internal.h"
 
 namespace {
@@ -32,8 +34,7 @@ void iterateFitPasses(int numIteration, double errThreshold, const FitPass& fit,
   int remaining = numIteration;
   for (;;) {
     // Counts down the passes left, not up the pass number.
-    printf("Iteration %d\n", remaining);
-    fflush(stdout);
+    consolePrint(stdout, "Iteration " + std::to_string(remaining) + "\n");
     const ModelParameters before = copyOf(parameters);
     fit(parameters, meanError, errorDeviation);
     history.parameters.push_back(copyOf(parameters));

@@ -9,9 +9,11 @@
 #include <cassert>
 #include <cmath>
 #include <cstdio>
+#include <string>
 #include <vector>
 
 #include "correction/correction.h"
+#include "app/settings.h"
 #include "model/internal.h"
 #include "model/model.h"
 #include "spots/spots.h"
@@ -189,7 +191,7 @@ int fit2dPolySVD(const double* x, const double* y, const double* z, int order, d
                      u.data(), numPoints, vt.data(), numTerms, superb.data());
   // A negative value (an argument refused) is not taken for a failure.
   if (info > 0) {
-    fprintf(stderr, "The algorithm computing SVD failed to converge.\n");
+    consolePrint(stderr, "The algorithm computing SVD failed to converge.\n");
     return static_cast<int>(info);
   }
 

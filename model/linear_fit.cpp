@@ -6,8 +6,10 @@
 #include <cassert>
 #include <cmath>
 #include <cstdio>
+#include <string>
 #include <vector>
 
+#include "app/settings.h"
 #include "model/internal.h"
 #include "model/model.h"
 #include "spots/spots.h"
@@ -42,9 +44,7 @@ constexpr double kPrecision = 0.0001;
 constexpr int kNumPrecisions = 6;
 
 int reportSolverFailure(const char* line) {
-  puts(line);
-  puts("Calibration may be inaccurate");
-  fflush(stdout);
+  consolePrint(stdout, std::string(line) + "\nCalibration may be inaccurate\n");
   TRS_FREE_BUFFERS();
   return 1;
 }

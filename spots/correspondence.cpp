@@ -8,7 +8,6 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include "app/settings.h"
@@ -44,7 +43,7 @@ struct ReferenceSpot {
   int col = 0;
   bool fitted = false;
   CorvanePoint2D centre{};
-  std::string lines;  // what the fit printed; printed again at every pairing
+  HeldOutput lines;  // what the fit printed; printed again at every pairing
 };
 
 // The reference's half of a pairing depends on nothing but its pixels and
@@ -92,7 +91,7 @@ std::shared_ptr<const ReferenceMeasure> measureAfresh(double** reference, int nu
     ReferenceSpot& spot = spots[k];
     spot.row = rows[k];
     spot.col = cols[k];
-    spot.lines = holdFitLines([&] {
+    holdOutput(spot.lines, [&] {
       double fittedRow, fittedCol;
       if (fitPoint(reference, numRows, numCols, spot.row, spot.col, &fittedRow, &fittedCol) != 0)
         return;
@@ -150,7 +149,7 @@ void findCorrespondencePoint(double** image, double** reference, int numRows, in
   std::vector<char> kept(spots.size(), 0);
   forEachSpotInOrder(static_cast<int>(spots.size()), [&](int k) {
     const ReferenceSpot& spot = spots[k];
-    printHeldFitLines(spot.lines);
+    spot.lines.print();
     if (!spot.fitted) return;
     // The same integer position, not the refined one: a pair shares its start.
     double fittedRow, fittedCol;

@@ -2,8 +2,6 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
-#include <string>
 #include <vector>
 
 // Sorts ascending with NaN values moved behind all numbers, so that the
@@ -16,12 +14,6 @@ void sortAscendingNanLast(std::vector<double>& values);
 void binValues(const double* values, std::size_t count, double lowest, double highest, int numBins,
                std::vector<double>& binCenters, std::vector<double>& binCounts);
 
-// Prints one line of a spot fit's solver, as puts does; while the calling
-// thread runs a task of forEachSpotInOrder, the line is held for that task.
+// Prints one line of a spot fit's solver, as puts does, through the console
+// that holds the output of work running ahead of its turn.
 void printFitLine(const char* line);
-
-// Runs `task` with the lines its fits print held back, and returns them.
-std::string holdFitLines(const std::function<void()>& task);
-
-// Prints lines that holdFitLines returned, where printFitLine would now.
-void printHeldFitLines(const std::string& held);

@@ -162,4 +162,6 @@ void findCorrespondencePoint(double** image, double** reference, int numRows, in
 // independent of each other and keep their results apart, by k. The solver
 // lines of the spot fits are held per task and printed after the last task in
 // the order of k, so standard output reads as after a loop on one thread.
+// Called on a thread of a team already at work, the k become tasks of that
+// team.
 void forEachSpotInOrder(int count, const std::function<void(int)>& task);
