@@ -25,6 +25,13 @@ void HeldOutput::print() const {
   for (const auto& [stream, text] : chunks_) consolePrint(stream, text);
 }
 
+void HeldOutput::write() const {
+  for (const auto& [stream, text] : chunks_) {
+    std::fputs(text.c_str(), stream);
+    std::fflush(stream);
+  }
+}
+
 void consolePrint(std::FILE* stream, const std::string& text) {
   if (heldOutput != nullptr) {
     heldOutput->append(stream, text);

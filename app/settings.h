@@ -78,6 +78,8 @@ class HeldOutput {
   void append(std::FILE* stream, const std::string& text);
   // Prints it all, through consolePrint: into the caller's own hold, if any.
   void print() const;
+  // Writes it all to its streams, whatever the caller holds.
+  void write() const;
 
  private:
   std::vector<std::pair<std::FILE*, std::string>> chunks_;

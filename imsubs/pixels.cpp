@@ -555,6 +555,10 @@ int IMRdSec(int iStream, void* buffer) {
     }
     destination = pairs.get();
   }
+  // A read that stops at the end of the file leaves errno alone: cleared
+  // first, the reason printed is this read's, not an earlier call's on this
+  // thread.
+  errno = 0;
   int const got = iStreamFileRead(record, destination, record->iBytesPerPixel, toRead);
   if (got < pixels) {
     reportShortRead("IMRdSec", record, got, true, errno);

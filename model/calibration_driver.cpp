@@ -4,12 +4,26 @@
 // turns the result into a row in physical units. The output file is opened
 // only after every channel has been analysed, so a run that stops leaves no
 // new output behind.
+//
+// Channels are read in file order by the one thread that uses the image
+// library, and fitted as tasks on every thread while the next are read. What
+// a channel prints is held and published in file order, each channel once it
+// and every channel before it are done, so the console, the status file and
+// the rows read as after a run on one thread; a failure is published where
+// that run would have met it.
+#include <omp.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cassert>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <string>
 #include <vector>
 
 #include "app/settings.h"
@@ -36,6 +50,7 @@ constexpr double kPercent = 100.0;
 const char kReadFailed[] = "Reading QF Input File Failed\n";
 const char kStopLine[] = "Calibration Stopped";
 const char kProgressMessage[] = "Calibration in progress";
+const char kWavelengthFailed[] = "performCalibrationPerFile: IMRtWav2 failed.\n";
 
 // What the driver takes from the stack's header.
 struct CalibrationStack {
@@ -80,7 +95,7 @@ CalibrationStack readStack(int stream) {
 float readWavelength(int stream, int channel) {
   float wavelength = 0.0f;
   if (IMRtWav2(stream, channel, &wavelength) != 0) {
-    stopReading(stream, "performCalibrationPerFile: IMRtWav2 failed.\n");
+    stopReading(stream, kWavelengthFailed);
   }
   return wavelength;
 }
@@ -165,6 +180,162 @@ AlignmentParameterRow finalRow(float referenceWavelength, int linearFlag,
   return row;
 }
 
+// What every channel of one file is fitted with.
+struct CalibrationRun {
+  const CalibrationStack& stack;
+  double** referenceRows;
+  int referenceFocus;
+  int numIteration;
+  double errThreshold;
+  int linearFlag;
+  int highOrderFlag;
+};
+
+// One channel: read by the library thread, fitted on any thread, published
+// in file order.
+struct ChannelJob {
+  int channel = 0;
+  float wavelength = 0.0f;
+  int focus = 0;
+  Plane plane;  // released once fitted
+  HeldOutput output;
+  AlignmentParameterRow row;
+  const char* readFailure = nullptr;  // technical line of a failed read
+  std::exception_ptr fitFailure;
+  std::atomic<bool> done{false};  // fitted, its row and output complete
+};
+
+// Prints each channel's held output, appends its row and reports progress,
+// in file order, as soon as the channel and all before it are done. Called
+// from any thread.
+class ChannelPublisher {
+ public:
+  ChannelPublisher(const std::vector<std::unique_ptr<ChannelJob>>& jobs, int numChannels,
+                   std::vector<std::vector<double>>& rows)
+      : jobs_(jobs), numChannels_(numChannels), rows_(rows) {}
+
+  void publishReady() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    while (next_ < jobs_.size() && jobs_[next_]->done.load(std::memory_order_acquire)) {
+      ChannelJob& job = *jobs_[next_];
+      job.output.write();
+      rows_.push_back(job.row);
+      reportProgress(progress_, numChannels_);
+      progress_ += 1.0;
+      ++next_;
+    }
+  }
+
+ private:
+  std::mutex mutex_;
+  const std::vector<std::unique_ptr<ChannelJob>>& jobs_;
+  const int numChannels_;
+  std::vector<std::vector<double>>& rows_;
+  std::size_t next_ = 0;
+  double progress_ = 1.0;  // channels done, as a double
+};
+
+// Wavelength and best-focus section of the job's channel, with the lines a
+// one-thread run prints around them held in the job. A failed read is kept
+// in the job, to be published in its turn.
+void readChannel(int stream, const CalibrationStack& s, ChannelJob& job,
+                 std::vector<float>& section) {
+  holdOutput(job.output, [&] {
+    if (IMRtWav2(stream, job.channel, &job.wavelength) != 0) {
+      job.readFailure = kWavelengthFailed;
+      return;
+    }
+    try {
+      consolePrint(stdout, "Calibrating Channel " + std::to_string(truncateToInt(job.wavelength)) +
+                               " Started\n");
+      consolePrint(stdout, "Locating Channel Focus Of Z Section...\n");
+      findFocusSection(stream, job.channel, s.numZ, s.numRows, s.numCols, kFocusRowDivisions,
+                       kFocusColumnDivisions, section.data(), &job.focus);
+    } catch (const FocusReadFailure& failure) {
+      job.readFailure = failure.technicalLine;
+      return;
+    }
+    job.plane = makePlane(s.numRows, s.numCols);
+    std::copy(section.begin(), section.end(), job.plane.pixels.begin());
+    prepareFocusImage(job.plane.pixels.data(), s.numRows, s.numCols);
+    consolePrint(stdout, "Channel Focus Of Z Section: " + std::to_string(job.focus) + "\n");
+  });
+}
+
+// The iteration of the job's channel against the reference, and its row.
+void fitChannel(const CalibrationRun& run, ChannelJob& job) {
+  const CalibrationStack& s = run.stack;
+  holdOutput(job.output, [&] {
+    double meanError = kNoMeasurement, errorDeviation = kNoMeasurement;
+    double parameters[kNumModelParameters];
+    setStartParameters(parameters, std::floor(s.numCols * 0.5), std::floor(s.numRows * 0.5),
+                       run.linearFlag);
+    performCalibrationPerChannel(job.plane.rows.data(), run.referenceRows, s.numRows, s.numCols,
+                                 run.numIteration, run.errThreshold, run.linearFlag,
+                                 run.highOrderFlag, parameters, &meanError, &errorDeviation);
+    job.plane = Plane();
+    consolePrint(stdout, "Calibrating Channel " + std::to_string(truncateToInt(job.wavelength)) +
+                             " Completed\n\n");
+    job.row = assembleChannelRow(job.wavelength, run.linearFlag, meanError, errorDeviation,
+                                 job.focus - run.referenceFocus, parameters);
+    scaleRowToPhysicalUnits(job.row, s, run.linearFlag);
+  });
+}
+
+// Reads the channels in file order on this thread, the one that uses the
+// image library, while the team fits those already read. At most one channel
+// more than there are threads is held at once. Stops reading at the first
+// failure, which the jobs keep.
+void readAndFitChannels(int stream, const CalibrationRun& run,
+                        const std::vector<std::unique_ptr<ChannelJob>>& jobs,
+                        ChannelPublisher& publisher, std::vector<float>& section) {
+  const int threads = omp_get_max_threads();
+  std::atomic<bool> failed{false};
+#pragma omp parallel if (threads > 1 && jobs.size() > 1)
+#pragma omp single
+  {
+    int inFlight = 0;
+    for (const std::unique_ptr<ChannelJob>& owned : jobs) {
+      ChannelJob* job = owned.get();
+      if (failed.load()) break;
+      try {
+        readChannel(stream, run.stack, *job, section);
+      } catch (...) {
+        job->fitFailure = std::current_exception();
+      }
+      if (job->readFailure != nullptr || job->fitFailure) break;
+#pragma omp task firstprivate(job) if (threads > 1)
+      {
+        try {
+          fitChannel(run, *job);
+          job->done.store(true, std::memory_order_release);
+        } catch (...) {
+          job->fitFailure = std::current_exception();
+          failed.store(true);
+        }
+        publisher.publishReady();
+      }
+      if (++inFlight > threads) {
+#pragma omp taskwait
+        inFlight = 0;
+      }
+    }
+#pragma omp taskwait
+  }
+}
+
+// Once every task has ended and the channels before it are published: the
+// first channel that failed ends the run there, as a one-thread run would.
+void stopAtFirstFailure(int stream, const std::vector<std::unique_ptr<ChannelJob>>& jobs) {
+  for (const std::unique_ptr<ChannelJob>& job : jobs) {
+    if (job->done.load()) continue;
+    job->output.write();
+    if (job->fitFailure) std::rethrow_exception(job->fitFailure);
+    assert(job->readFailure != nullptr);
+    stopReading(stream, job->readFailure);
+  }
+}
+
 }  // namespace
 
 void calibrationReadInputFileHeader(int stream, int* numRows, int* numCols, int* numZ,
@@ -235,38 +406,18 @@ void performCalibrationPerFile(int stream, int referenceChannelIndex, int numIte
   printf("Channel Focus Of Z Section: %d\n\n", referenceFocus);
   reportProgress(kReferenceProgress, s.numChannels);
 
-  Plane channel = makePlane(s.numRows, s.numCols);
-  const double centreX = std::floor(s.numCols * 0.5);
-  const double centreY = std::floor(s.numRows * 0.5);
-  double progress = 1.0;
+  const CalibrationRun run{s,           reference.rows.data(), referenceFocus, numIteration,
+                           errThreshold, linearFlag,            highOrderFlag};
+  std::vector<std::unique_ptr<ChannelJob>> jobs;
   for (int c = 0; c < s.numChannels; ++c) {
     if (c == referenceChannelIndex) continue;  // no message, not counted
-    double meanError = kNoMeasurement, errorDeviation = kNoMeasurement;
-    const float wavelength = readWavelength(stream, c);
-    printf("Calibrating Channel %d Started\n", truncateToInt(wavelength));
-    fflush(stdout);
-    double parameters[kNumModelParameters];
-    setStartParameters(parameters, centreX, centreY, linearFlag);
-
-    puts("Locating Channel Focus Of Z Section...");
-    fflush(stdout);
-    const int focus = prepareChannelFocus(stream, c, s, section, channel);
-    printf("Channel Focus Of Z Section: %d\n", focus);
-    fflush(stdout);
-
-    performCalibrationPerChannel(channel.rows.data(), reference.rows.data(), s.numRows, s.numCols,
-                                 numIteration, errThreshold, linearFlag, highOrderFlag, parameters,
-                                 &meanError, &errorDeviation);
-    printf("Calibrating Channel %d Completed\n\n", truncateToInt(wavelength));
-    fflush(stdout);
-
-    AlignmentParameterRow row = assembleChannelRow(
-        wavelength, linearFlag, meanError, errorDeviation, focus - referenceFocus, parameters);
-    scaleRowToPhysicalUnits(row, s, linearFlag);
-    rows.push_back(row);
-    reportProgress(progress, s.numChannels);
-    progress += 1.0;
+    jobs.push_back(std::make_unique<ChannelJob>());
+    jobs.back()->channel = c;
   }
+  ChannelPublisher publisher(jobs, s.numChannels, rows);
+  readAndFitChannels(stream, run, jobs, publisher, section);
+  publisher.publishReady();
+  stopAtFirstFailure(stream, jobs);
   rows.push_back(finalRow(referenceWavelength, linearFlag, s));
 }
 

@@ -17,6 +17,7 @@
 #include "model/internal.h"
 #include "model/model.h"
 #include "spots/spots.h"
+#include "trsolver/trsolver.h"
 
 namespace {
 
@@ -186,9 +187,11 @@ int fit2dPolySVD(const double* x, const double* y, const double* z, int order, d
   // min - 1 entries are needed; one more keeps the pointer valid for a
   // single point.
   std::vector<double> superb(numSingular);
-  const lapack_int info =
-      LAPACKE_dgesvd(LAPACK_ROW_MAJOR, 'A', 'A', numPoints, numTerms, a.data(), numTerms, s.data(),
-                     u.data(), numPoints, vt.data(), numTerms, superb.data());
+  lapack_int info = 0;
+  trs_blas_exclusive([&] {
+    info = LAPACKE_dgesvd(LAPACK_ROW_MAJOR, 'A', 'A', numPoints, numTerms, a.data(), numTerms,
+                          s.data(), u.data(), numPoints, vt.data(), numTerms, superb.data());
+  });
   // A negative value (an argument refused) is not taken for a failure.
   if (info > 0) {
     consolePrint(stderr, "The algorithm computing SVD failed to converge.\n");
@@ -206,12 +209,14 @@ int fit2dPolySVD(const double* x, const double* y, const double* z, int order, d
   // Q = V W^T U^T is the pseudo-inverse of the design; coefficients = Q zs.
   std::vector<double> p(static_cast<std::size_t>(numTerms) * numPoints);
   std::vector<double> q(static_cast<std::size_t>(numTerms) * numPoints);
-  cblas_dgemm(CblasRowMajor, CblasTrans, CblasTrans, numTerms, numPoints, numTerms, 1.0, vt.data(),
-              numTerms, w.data(), numTerms, 0.0, p.data(), numPoints);
-  cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasTrans, numTerms, numPoints, numPoints, 1.0,
-              p.data(), numPoints, u.data(), numPoints, 0.0, q.data(), numPoints);
-  cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, numTerms, 1, numPoints, 1.0, q.data(),
-              numPoints, zs.data(), 1, 0.0, coefficients, 1);
+  trs_blas_exclusive([&] {
+    cblas_dgemm(CblasRowMajor, CblasTrans, CblasTrans, numTerms, numPoints, numTerms, 1.0,
+                vt.data(), numTerms, w.data(), numTerms, 0.0, p.data(), numPoints);
+    cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasTrans, numTerms, numPoints, numPoints, 1.0,
+                p.data(), numPoints, u.data(), numPoints, 0.0, q.data(), numPoints);
+    cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, numTerms, 1, numPoints, 1.0, q.data(),
+                numPoints, zs.data(), 1, 0.0, coefficients, 1);
+  });
 
   // Back to the units of the inputs, term by term in the same order.
   int k = 0;

@@ -49,6 +49,10 @@ constexpr int kFocusTimePoint = 0;
   exit(1);
 }
 
+[[noreturn]] void failRead(const char* technicalLine) {
+  throw FocusReadFailure{technicalLine};
+}
+
 // Count-weighted mean bin centre over bins first to last.
 double meanBinLevel(const std::vector<double>& centers, const std::vector<double>& counts,
                     int first, int last) {
@@ -259,10 +263,10 @@ struct SectionBuffer {
 
 void readFocusSection(int stream, int z, int channel, int time, SectionBuffer& buffer) {
   if (IMPosnZWT(stream, z, channel, time) != 0) {
-    stopReading(stream, "getFocusImageIndexPerChannel:  IMPosnZWT failed.\n");
+    failRead("getFocusImageIndexPerChannel:  IMPosnZWT failed.\n");
   }
   if (readSectionAsFloats(stream, buffer.pixels.data()) != 0) {
-    stopReading(stream, "getFocusImageIndexPerChannel: IMRdSec failed.\n");
+    failRead("getFocusImageIndexPerChannel: IMRdSec failed.\n");
   }
 }
 
@@ -344,8 +348,8 @@ void calculateSubRegionContrast(float** section, int numRows, int numCols, int r
   failure.rethrow();
 }
 
-int getFocusImageIndexPerChannel(int stream, int channel, int time, int numZ, int numRows,
-                                 int numCols, int rowDivisions, int columnDivisions) {
+int findFocusIndex(int stream, int channel, int time, int numZ, int numRows, int numCols,
+                   int rowDivisions, int columnDivisions) {
   assert(numRows >= 0 && numCols >= 0);
   // A grid without rows or columns has no region and measures nothing.
   const int numRegions =
@@ -359,6 +363,7 @@ int getFocusImageIndexPerChannel(int stream, int channel, int time, int numZ, in
   // order. One region for the whole stack, so no thread waits per section.
   std::mutex library;
   int next = 0;
+  bool readFailed = false;  // no thread reads on after a failed read
   RegionFailure failure;
 #pragma omp parallel if (!omp_in_parallel() && numZ > 1)
   failure.guard([&] {
@@ -369,8 +374,10 @@ int getFocusImageIndexPerChannel(int stream, int channel, int time, int numZ, in
       {
         const std::lock_guard<std::mutex> lock(library);
         z = next++;
-        if (z >= numZ) return;
+        if (z >= numZ || readFailed) return;
+        readFailed = true;
         readFocusSection(stream, z, channel, time, buffer);
+        readFailed = false;
       }
       for (int region = 0; region < numRegions; ++region) {
         contrast[z * stride + region] = regionContrast(
@@ -389,18 +396,38 @@ int getFocusImageIndexPerChannel(int stream, int channel, int time, int numZ, in
   return trimmedMeanVote(votes);
 }
 
+void findFocusSection(int stream, int channel, int numZ, int numRows, int numCols,
+                      int rowDivisions, int columnDivisions, float* section, int* focusIndex) {
+  const int index = findFocusIndex(stream, channel, kFocusTimePoint, numZ, numRows, numCols,
+                                   rowDivisions, columnDivisions);
+  *focusIndex = index;
+  if (IMPosnZWT(stream, index, channel, kFocusTimePoint) != 0) {
+    failRead("getFocusImagePerChannel: IMPosnZWT failed.\n");
+  }
+  if (readSectionAsFloats(stream, section) != 0) {
+    failRead("getFocusImagePerChannel: IMRdSec failed.\n");
+  }
+}
+
+int getFocusImageIndexPerChannel(int stream, int channel, int time, int numZ, int numRows,
+                                 int numCols, int rowDivisions, int columnDivisions) {
+  try {
+    return findFocusIndex(stream, channel, time, numZ, numRows, numCols, rowDivisions,
+                          columnDivisions);
+  } catch (const FocusReadFailure& failure) {
+    stopReading(stream, failure.technicalLine);
+  }
+}
+
 void getFocusImagePerChannel(int stream, int channel, int /*time*/, int numZ, int numRows,
                              int numCols, int rowDivisions, int columnDivisions, float* section,
                              int* focusIndex) {
   // The time point asked for is ignored on purpose: focus is searched and
   // read at the first time point.
-  const int index = getFocusImageIndexPerChannel(stream, channel, kFocusTimePoint, numZ, numRows,
-                                                 numCols, rowDivisions, columnDivisions);
-  *focusIndex = index;
-  if (IMPosnZWT(stream, index, channel, kFocusTimePoint) != 0) {
-    stopReading(stream, "getFocusImagePerChannel: IMPosnZWT failed.\n");
-  }
-  if (readSectionAsFloats(stream, section) != 0) {
-    stopReading(stream, "getFocusImagePerChannel: IMRdSec failed.\n");
+  try {
+    findFocusSection(stream, channel, numZ, numRows, numCols, rowDivisions, columnDivisions,
+                     section, focusIndex);
+  } catch (const FocusReadFailure& failure) {
+    stopReading(stream, failure.technicalLine);
   }
 }

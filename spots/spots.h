@@ -24,6 +24,18 @@ void getFocusImagePerChannel(int stream, int channel, int time, int numZ, int nu
                              int rowDivisions, int columnDivisions, float* section,
                              int* focusIndex);
 
+// A failing image call of the focus search; technicalLine is the line that
+// getFocusImagePerChannel prints on standard error for it.
+struct FocusReadFailure {
+  const char* technicalLine;
+};
+
+// getFocusImagePerChannel for time point 0, except that a failing image call
+// throws FocusReadFailure, prints nothing and leaves the stream open: for a
+// caller that must finish other work before it stops.
+void findFocusSection(int stream, int channel, int numZ, int numRows, int numCols,
+                      int rowDivisions, int columnDivisions, float* section, int* focusIndex);
+
 // Reads the section at the stream's position into `section`, room for
 // columns x rows floats, whatever the stack's pixel type: 8-byte floats are
 // narrowed to floats here, every other type is converted by the library.

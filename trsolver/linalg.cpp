@@ -25,6 +25,10 @@ TrsSpinLock& trs_blas_lock() {
   return lock;
 }
 
+void trs_blas_exclusive(const std::function<void()>& call) {
+  trs_blas_locked(call);
+}
+
 void trs_free(void* block) {
   std::free(block);
 }

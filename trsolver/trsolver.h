@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 // Status codes of every operation.
 constexpr int TRS_OK = 1501;
@@ -99,3 +100,9 @@ int DJACOBIX(TrResidualFunction fcn, const int* n, const int* m, double* fjac, c
 void TRS_FREE_BUFFERS(void);
 
 }  // extern "C"
+
+// Runs `call` while no matrix routine of the BLAS or LAPACK runs through the
+// solver on another thread: the serial library shares one scratch buffer
+// among its matrix routines, unguarded. A caller of such a routine outside
+// the solver, while fits may run on other threads, calls it in here.
+void trs_blas_exclusive(const std::function<void()>& call);

@@ -4,6 +4,7 @@
 // a correction run; and the targets that can't be used.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <string>
@@ -221,6 +222,7 @@ TEST(CalibrationRun, UnusableTargetsEndAsDocumented) {
     std::string out;                   // the end of standard output
     std::vector<double> firstRow;      // its leading slots, the rest 0.0; empty: no output
     std::size_t rows;
+    std::string err = "", status = "";  // status: the file's last record, if checked
   };
   const std::vector<std::string> linear = {"-doLinearModelFitting"};
   // clang-format off
@@ -235,6 +237,15 @@ TEST(CalibrationRun, UnusableTargetsEndAsDocumented) {
        {600, 1, -0.1f, -0.1f, -0.1f, -0.1f, 0, 48 * 0.1f, 48 * 0.1f, 1, 1}, 2},
       {{dark0}, 100.0, {"-o"},
        "QF Input File Closed\n\nCan Not Open Alignment Parameter Output File\n\n", {}, 0},
+      // "-cut": the file ends inside the last channel's last section. Its read
+      // fails while the channel before is still being fitted, and the failure
+      // must come where a one-thread run meets it.
+      {{dark0, dark1, dark0}, -5.0, {"-cut"}, std::string("Calibrating Channel 600 Completed\n\n"
+       "Calibration in progress 33 percent\n\nCalibrating Channel 500 Started\n"
+       "Locating Channel Focus Of Z Section...\nReading QF Input File Failed\n\n"
+       "Calibration Stopped\n"), {}, 0, "IMRdSec 1: only 9191 pixels read (EOF=1).\n        Success\n"
+       "getFocusImageIndexPerChannel: IMRdSec failed.\n",
+       "33.00\nCalibration in progress"},
   };
   // clang-format on
   for (const Case& c : cases) {
@@ -246,16 +257,24 @@ TEST(CalibrationRun, UnusableTargetsEndAsDocumented) {
     s.background = c.background;
     ASSERT_TRUE(targettest::writeTargetStack(input, s));
     testutil::writeFile(output, "earlier");
-    std::vector<std::string> args = {"calibration", input, output};
+    std::vector<std::string> args = {"calibration", input, output, "-statusFile",
+                                     dir.file("status")};
     if (c.options[0] == "-o") {
       args[2] = dir.file("missing/a.txt");
+    } else if (c.options[0] == "-cut") {
+      ASSERT_EQ(truncate(input.c_str(), testutil::readFile(input).size() - 100), 0);
     } else {
       args.insert(args.end(), c.options.begin(), c.options.end());
     }
-    const testutil::RunResult r = corvane(args);
+    const testutil::RunResult r = corvane(args, 3);
     EXPECT_EQ(r.exitStatus, c.firstRow.empty() ? 1 : 0) << r.out;
     EXPECT_EQ(r.out.substr(r.out.size() - std::min(r.out.size(), c.out.size())), c.out);
-    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.err, c.err);
+    if (!c.status.empty()) {
+      EXPECT_EQ(testutil::readFile(dir.file("status")), c.status);
+    }
+    const testutil::RunResult one = corvane(args, 1);
+    EXPECT_EQ(one.out + one.err, r.out + r.err);
     if (c.firstRow.empty()) {
       EXPECT_EQ(testutil::readFile(output), "earlier");
       continue;
