@@ -100,16 +100,12 @@ float readWavelength(int stream, int channel) {
   return wavelength;
 }
 
-// The channel's best-focus section, widened into `plane` and cleaned there.
-// Returns the focus index.
-int prepareChannelFocus(int stream, int channel, const CalibrationStack& s,
-                        std::vector<float>& section, Plane& plane) {
-  int focusIndex = 0;
-  getFocusImagePerChannel(stream, channel, kFirstTimePoint, s.numZ, s.numRows, s.numCols,
-                          kFocusRowDivisions, kFocusColumnDivisions, section.data(), &focusIndex);
+// A focus section widened into a plane of its own and cleaned there.
+Plane cleanedPlane(const std::vector<float>& section, const CalibrationStack& s) {
+  Plane plane = makePlane(s.numRows, s.numCols);
   std::copy(section.begin(), section.end(), plane.pixels.begin());
   prepareFocusImage(plane.pixels.data(), s.numRows, s.numCols);
-  return focusIndex;
+  return plane;
 }
 
 void reportProgress(double channelsDone, int numChannels) {
@@ -201,7 +197,7 @@ struct ChannelJob {
   HeldOutput output;
   AlignmentParameterRow row;
   const char* readFailure = nullptr;  // technical line of a failed read
-  std::exception_ptr fitFailure;
+  std::exception_ptr failure;         // thrown while it was read or fitted
   std::atomic<bool> done{false};  // fitted, its row and output complete
 };
 
@@ -255,9 +251,7 @@ void readChannel(int stream, const CalibrationStack& s, ChannelJob& job,
       job.readFailure = failure.technicalLine;
       return;
     }
-    job.plane = makePlane(s.numRows, s.numCols);
-    std::copy(section.begin(), section.end(), job.plane.pixels.begin());
-    prepareFocusImage(job.plane.pixels.data(), s.numRows, s.numCols);
+    job.plane = cleanedPlane(section, s);
     consolePrint(stdout, "Channel Focus Of Z Section: " + std::to_string(job.focus) + "\n");
   });
 }
@@ -301,16 +295,16 @@ void readAndFitChannels(int stream, const CalibrationRun& run,
       try {
         readChannel(stream, run.stack, *job, section);
       } catch (...) {
-        job->fitFailure = std::current_exception();
+        job->failure = std::current_exception();
       }
-      if (job->readFailure != nullptr || job->fitFailure) break;
+      if (job->readFailure != nullptr || job->failure) break;
 #pragma omp task firstprivate(job) if (threads > 1)
       {
         try {
           fitChannel(run, *job);
           job->done.store(true, std::memory_order_release);
         } catch (...) {
-          job->fitFailure = std::current_exception();
+          job->failure = std::current_exception();
           failed.store(true);
         }
         publisher.publishReady();
@@ -330,7 +324,7 @@ void stopAtFirstFailure(int stream, const std::vector<std::unique_ptr<ChannelJob
   for (const std::unique_ptr<ChannelJob>& job : jobs) {
     if (job->done.load()) continue;
     job->output.write();
-    if (job->fitFailure) std::rethrow_exception(job->fitFailure);
+    if (job->failure) std::rethrow_exception(job->failure);
     assert(job->readFailure != nullptr);
     stopReading(stream, job->readFailure);
   }
@@ -400,9 +394,11 @@ void performCalibrationPerFile(int stream, int referenceChannelIndex, int numIte
   puts("Locating Channel Focus Of Z Section...");
   fflush(stdout);
   std::vector<float> section(static_cast<std::size_t>(s.numRows) * s.numCols);
-  Plane reference = makePlane(s.numRows, s.numCols);
-  const int referenceFocus =
-      prepareChannelFocus(stream, referenceChannelIndex, s, section, reference);
+  int referenceFocus = 0;
+  getFocusImagePerChannel(stream, referenceChannelIndex, kFirstTimePoint, s.numZ, s.numRows,
+                          s.numCols, kFocusRowDivisions, kFocusColumnDivisions, section.data(),
+                          &referenceFocus);
+  Plane reference = cleanedPlane(section, s);
   printf("Channel Focus Of Z Section: %d\n\n", referenceFocus);
   reportProgress(kReferenceProgress, s.numChannels);
 

@@ -179,7 +179,9 @@ void performCalibration(char* pathInput, char* pathOutput, int referenceChannelI
 
 // Calibrates every channel of the open `stream` but the reference one and
 // appends one row per channel, then the final row describing the stack. Every
-// failure prints its lines, closes the stream and ends the process.
+// failure prints its lines, closes the stream and ends the process. Channels
+// are fitted on all threads while the next are read; the console, the status
+// file and the rows come in file order, as from one thread.
 void performCalibrationPerFile(int stream, int referenceChannelIndex, int numIteration,
                                double errThreshold, int linearFlag, int highOrderFlag,
                                std::vector<std::vector<double>>& rows);
