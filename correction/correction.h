@@ -21,6 +21,12 @@ void imageTransform(double** input, double* parameters, int numRows, int numCols
 void imageTransformRows(double** input, double* parameters, int numRows, int numCols,
                         int linearFlag, int highOrderFlag, double** output, int firstRow,
                         int endRow);
+// The same from a section of floats, each widened as it is sampled: the
+// output is that of the section widened first, to the bit, with half the
+// memory read and no widened copy.
+void imageTransformRows(float** input, double* parameters, int numRows, int numCols,
+                        int linearFlag, int highOrderFlag, double** output, int firstRow,
+                        int endRow);
 
 // Widens `count` floats to doubles, and narrows doubles to the nearest floats:
 // the plain conversions of a cast (no clamping, no rounding to an integer),

@@ -276,8 +276,9 @@ class Plane {
 };
 
 // One section on its way through the loop: where it comes from and goes to,
-// its carried-over values, the library's float block and the transform's two
-// planes of doubles with their row pointers.
+// its carried-over values, the floats read (which the transform samples as
+// they are), the transform's plane of doubles and the floats narrowed from
+// it, with row pointers.
 struct SectionSlot {
   SectionAddress address{};
   double carried[kNumCarriedValues] = {};
@@ -285,19 +286,19 @@ struct SectionSlot {
   // section in its own order; null after a good read.
   const char* readFailure = nullptr;
   Plane<float> pixels;
-  Plane<double> input;
   Plane<double> output;
-  std::vector<double*> inputRows;
+  Plane<float> narrowed;
+  std::vector<float*> pixelRows;
   std::vector<double*> outputRows;
 
   SectionSlot(int numRows, int numCols)
       : pixels(static_cast<size_t>(numRows) * numCols),
-        input(pixels.size()),
         output(pixels.size()),
-        inputRows(numRows),
+        narrowed(pixels.size()),
+        pixelRows(numRows),
         outputRows(numRows) {
     for (int y = 0; y < numRows; ++y) {
-      inputRows[y] = input.data() + static_cast<size_t>(y) * numCols;
+      pixelRows[y] = pixels.data() + static_cast<size_t>(y) * numCols;
       outputRows[y] = output.data() + static_cast<size_t>(y) * numCols;
     }
   }
@@ -370,12 +371,17 @@ void fillSlot(SectionSlot& slot, const SectionAddress& address, bool inputHasVal
 // type.
 void resampleRows(SectionSlot& slot, double* parameters, int numRows, int numCols, int linearFlag,
                   int firstRow, int endRow) {
-  imageTransformRows(slot.inputRows.data(), parameters, numRows, numCols, linearFlag, 1,
+  imageTransformRows(slot.pixelRows.data(), parameters, numRows, numCols, linearFlag, 1,
                      slot.outputRows.data(), firstRow, endRow);
   const size_t first = static_cast<size_t>(firstRow) * numCols;
   const size_t end = static_cast<size_t>(std::min(endRow, numRows)) * numCols;
   if (first < end)
-    narrowSection(slot.output.data() + first, slot.pixels.data() + first, end - first);
+    narrowSection(slot.output.data() + first, slot.narrowed.data() + first, end - first);
+}
+
+// The floats that go to the file: resampled, or copied as read.
+const float* finalPixels(const SectionSlot& slot, bool resampled) {
+  return resampled ? slot.narrowed.data() : slot.pixels.data();
 }
 
 void writeSectionPixels(const SectionAddress& a, const float* pixels) {
@@ -462,7 +468,7 @@ void recordSection(const SectionSlot& slot, const SectionStatistics& stats,
 void finishSection(const SectionSlot& slot, bool resampled, double pixelsPerSection,
                    ChannelStatistics& channel) {
   const SectionStatistics stats = measureSlot(slot, resampled);
-  writeSectionPixels(slot.address, slot.pixels.data());
+  writeSectionPixels(slot.address, finalPixels(slot, resampled));
   recordSection(slot, stats, pixelsPerSection, channel);
 }
 
@@ -481,19 +487,11 @@ std::vector<SectionAddress> channelSections(const InputStack& s, const ZRange& r
   return sections;
 }
 
-// Widens the section a slot holds for the transform, unless its read failed.
-void widenSlot(SectionSlot& slot) {
-  if (slot.readFailure == nullptr) {
-    widenSection(slot.pixels.data(), slot.input.data(), slot.pixels.size());
-  }
-}
-
 // Runs the sections of a channel through read, resample and write. While the
 // threads resample section k in blocks of rows, one thread does the library's
 // work: it reads section k + 1, writes the pixels of section k - 1, then its
-// values once they are measured. Another thread measures section k - 1 and
-// widens section k + 1 if it is read by then; whichever of the two comes
-// last widens it. The library is used by one thread at a time, and a failed
+// values once they are measured; another thread measures section k - 1. The
+// library is used by one thread at a time, and a failed
 // read is raised only after the section before it has been written, so a
 // failing run leaves the same partial output. The statistics are summed by one
 // thread in buffer order, whatever the number of threads.
@@ -506,10 +504,7 @@ void streamSections(const CorrectionRun& run, const std::vector<SectionAddress>&
   const int numBlocks = (s.numRows + kRowsPerBlock - 1) / kRowsPerBlock;
   auto slotOf = [&run](int k) -> SectionSlot& { return run.slots[k % kSlotsInFlight]; };
 
-  if (count > 0) {
-    fillSlot(slotOf(0), sections[0], inputHasValues);
-    if (resample) widenSlot(slotOf(0));
-  }
+  if (count > 0) fillSlot(slotOf(0), sections[0], inputHasValues);
   for (int k = 0; k < count; ++k) {
     SectionSlot& current = slotOf(k);
     if (current.readFailure != nullptr) {
@@ -518,10 +513,7 @@ void streamSections(const CorrectionRun& run, const std::vector<SectionAddress>&
     }
     RegionFailure failure;
     SectionStatistics previous;
-    std::atomic<bool> measured{false}, nextRead{false}, widenTaken{!resample || k + 1 >= count};
-    auto widenNextOnce = [&] {
-      if (!widenTaken.exchange(true)) widenSlot(slotOf(k + 1));
-    };
+    std::atomic<bool> measured{false};
 #pragma omp parallel
     {
       // First in program order, and it waits for nothing: a lone thread runs
@@ -530,17 +522,14 @@ void streamSections(const CorrectionRun& run, const std::vector<SectionAddress>&
       {
         if (k > 0) failure.guard([&] { previous = measureSlot(slotOf(k - 1), resample); });
         measured.store(true, std::memory_order_release);
-        if (nextRead.load(std::memory_order_acquire)) widenNextOnce();
       }
 #pragma omp single nowait
       failure.guard([&] {
         if (k + 1 < count) fillSlot(slotOf(k + 1), sections[k + 1], inputHasValues);
-        nextRead.store(true, std::memory_order_release);
-        if (k > 0) writeSectionPixels(slotOf(k - 1).address, slotOf(k - 1).pixels.data());
+        if (k > 0) writeSectionPixels(slotOf(k - 1).address, finalPixels(slotOf(k - 1), resample));
         // The measuring takes about a millisecond and has usually ended by now.
         while (!measured.load(std::memory_order_acquire)) std::this_thread::yield();
         if (k > 0) recordSection(slotOf(k - 1), previous, pixelsPerSection, channel);
-        widenNextOnce();
       });
       if (resample) {
 #pragma omp for schedule(dynamic, 1) nowait

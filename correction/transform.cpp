@@ -51,12 +51,23 @@ inline __m128d cubic2(__m128d p0, __m128d p1, __m128d p2, __m128d p3, __m128d t)
   return _mm_add_pd(p1, _mm_mul_pd(_mm_mul_pd(t, _mm_set1_pd(0.5)), c));
 }
 
+// Two neighbouring samples as doubles. Sections come as doubles or as floats;
+// a float widens exactly, so the arithmetic that follows sees the same
+// values either way.
+inline __m128d loadTwo(const double* p) {
+  return _mm_loadu_pd(p);
+}
+inline __m128d loadTwo(const float* p) {
+  return _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
+}
+
 // Cubics along two rows at once, at the four columns from c0 on.
-inline __m128d acrossTwoRows(const double* upper, const double* lower, int c0, __m128d tx) {
-  const __m128d upperLeft = _mm_loadu_pd(upper + c0);
-  const __m128d upperRight = _mm_loadu_pd(upper + c0 + 2);
-  const __m128d lowerLeft = _mm_loadu_pd(lower + c0);
-  const __m128d lowerRight = _mm_loadu_pd(lower + c0 + 2);
+template <typename Pixel>
+inline __m128d acrossTwoRows(const Pixel* upper, const Pixel* lower, int c0, __m128d tx) {
+  const __m128d upperLeft = loadTwo(upper + c0);
+  const __m128d upperRight = loadTwo(upper + c0 + 2);
+  const __m128d lowerLeft = loadTwo(lower + c0);
+  const __m128d lowerRight = loadTwo(lower + c0 + 2);
   return cubic2(_mm_unpacklo_pd(upperLeft, lowerLeft), _mm_unpackhi_pd(upperLeft, lowerLeft),
                 _mm_unpacklo_pd(upperRight, lowerRight), _mm_unpackhi_pd(upperRight, lowerRight),
                 tx);
@@ -65,7 +76,8 @@ inline __m128d acrossTwoRows(const double* upper, const double* lower, int c0, _
 // The four cubics along the rows of the 4 x 4 neighbourhood of (ix0, iy0),
 // away from every edge where no index needs its clamp: rows iy0 - 1 and iy0
 // in `top`, rows iy0 + 1 and iy0 + 2 in `bottom`.
-inline void acrossFourRows(double** input, int ix0, int iy0, double tx, __m128d* top,
+template <typename Pixel>
+inline void acrossFourRows(Pixel** input, int ix0, int iy0, double tx, __m128d* top,
                            __m128d* bottom) {
   const __m128d t = _mm_set1_pd(tx);
   *top = acrossTwoRows(input[iy0 - 1], input[iy0], ix0 - 1, t);
@@ -74,7 +86,8 @@ inline void acrossFourRows(double** input, int ix0, int iy0, double tx, __m128d*
 
 // The two-dimensional case away from every edge: the rows first, then the
 // column of their results, as the general case does.
-inline double bicubicInterior(double** input, int ix0, int iy0, double tx, double ty) {
+template <typename Pixel>
+inline double bicubicInterior(Pixel** input, int ix0, int iy0, double tx, double ty) {
   __m128d top, bottom;
   acrossFourRows(input, ix0, iy0, tx, &top, &bottom);
   return cubic(_mm_cvtsd_f64(top), _mm_cvtsd_f64(_mm_unpackhi_pd(top, top)), _mm_cvtsd_f64(bottom),
@@ -83,7 +96,8 @@ inline double bicubicInterior(double** input, int ix0, int iy0, double tx, doubl
 
 // Two pixels of the two-dimensional interior case at once: their cubics down
 // the column run on the two lanes.
-inline void bicubicInteriorPair(double** input, const int* ix0, const int* iy0, const double* tx,
+template <typename Pixel>
+inline void bicubicInteriorPair(Pixel** input, const int* ix0, const int* iy0, const double* tx,
                                 const double* ty, double* out) {
   __m128d topA, bottomA, topB, bottomB;
   acrossFourRows(input, ix0[0], iy0[0], tx[0], &topA, &bottomA);
@@ -97,7 +111,8 @@ inline void bicubicInteriorPair(double** input, const int* ix0, const int* iy0, 
 // towards the border; the pixel itself on a whole-number position; otherwise
 // the cubic along the axes on which the position is fractional. Indices past
 // an edge are replaced by the nearest one inside (no mirroring, no zeros).
-double sampleAt(double** input, int numRows, int numCols, double sx, double sy) {
+template <typename Pixel>
+double sampleAt(Pixel** input, int numRows, int numCols, double sx, double sy) {
   // Written so that a NaN coordinate fails the test and counts as outside.
   if (!(sx >= 0.0 && sx <= numCols - 1 && sy >= 0.0 && sy <= numRows - 1)) return 0.0;
 
@@ -123,10 +138,10 @@ double sampleAt(double** input, int numRows, int numCols, double sx, double sy) 
   const int c3 = std::min(ix0 + 2, lastCol);
   const double tx = sx - ix0;
   if (yWhole) {
-    const double* row = input[iy0];
+    const Pixel* row = input[iy0];
     return cubic(row[c0], row[ix0], row[ix0 + 1], row[c3], tx);
   }
-  const double* rows[4] = {input[std::max(iy0 - 1, 0)], input[iy0], input[iy0 + 1],
+  const Pixel* rows[4] = {input[std::max(iy0 - 1, 0)], input[iy0], input[iy0 + 1],
                            input[std::min(iy0 + 2, lastRow)]};
   double across[4];
   for (int k = 0; k < 4; ++k) {
@@ -156,7 +171,8 @@ inline bool interiorPosition(double sx, double sy, double xEnd, double yEnd, Int
 // Samples one output row from its mapped positions. Interior positions take
 // the unclamped path, two pixels at a time where both are interior, and give
 // what sampleAt gives there; all others go through sampleAt.
-void sampleRow(double** input, int numRows, int numCols, const CorvanePoint2D* sources,
+template <typename Pixel>
+void sampleRow(Pixel** input, int numRows, int numCols, const CorvanePoint2D* sources,
                double* out) {
   const double xEnd = numCols - 2;
   const double yEnd = numRows - 2;
@@ -200,6 +216,13 @@ CORVANE_AVX2 inline __m256d cubic4(__m256d p0, __m256d p1, __m256d p2, __m256d p
   return _mm256_add_pd(p1, _mm256_mul_pd(_mm256_mul_pd(t, _mm256_set1_pd(0.5)), c));
 }
 
+CORVANE_AVX2 inline __m256d loadFour(const double* p) {
+  return _mm256_loadu_pd(p);
+}
+CORVANE_AVX2 inline __m256d loadFour(const float* p) {
+  return _mm256_cvtps_pd(_mm_loadu_ps(p));
+}
+
 // Turns four vectors (rows) into four vectors of their lanes (columns).
 CORVANE_AVX2 inline void transpose4(__m256d a, __m256d b, __m256d c, __m256d d, __m256d* p) {
   const __m256d t0 = _mm256_unpacklo_pd(a, b);
@@ -214,15 +237,17 @@ CORVANE_AVX2 inline void transpose4(__m256d a, __m256d b, __m256d c, __m256d d, 
 
 // The cubics along rows iy0 - 1 to iy0 + 2 of an interior pixel, row k on
 // lane k.
-CORVANE_AVX2 inline __m256d acrossRowsAvx2(double** input, const InteriorPosition& q) {
+template <typename Pixel>
+CORVANE_AVX2 inline __m256d acrossRowsAvx2(Pixel** input, const InteriorPosition& q) {
   const int c0 = q.ix0 - 1;
   __m256d p[4];
-  transpose4(_mm256_loadu_pd(input[q.iy0 - 1] + c0), _mm256_loadu_pd(input[q.iy0] + c0),
-             _mm256_loadu_pd(input[q.iy0 + 1] + c0), _mm256_loadu_pd(input[q.iy0 + 2] + c0), p);
+  transpose4(loadFour(input[q.iy0 - 1] + c0), loadFour(input[q.iy0] + c0),
+             loadFour(input[q.iy0 + 1] + c0), loadFour(input[q.iy0 + 2] + c0), p);
   return cubic4(p[0], p[1], p[2], p[3], _mm256_set1_pd(q.tx));
 }
 
-CORVANE_AVX2 void sampleRowAvx2(double** input, int numRows, int numCols,
+template <typename Pixel>
+CORVANE_AVX2 void sampleRowAvx2(Pixel** input, int numRows, int numCols,
                                 const CorvanePoint2D* sources, double* out) {
   const double xEnd = numCols - 2;
   const double yEnd = numRows - 2;
@@ -251,9 +276,12 @@ CORVANE_AVX2 void sampleRowAvx2(double** input, int numRows, int numCols,
 }
 
 // Chosen once: the AVX2 form where the processor has it.
-using RowSampler = void (*)(double**, int, int, const CorvanePoint2D*, double*);
-RowSampler rowSampler() {
-  static const RowSampler sampler = __builtin_cpu_supports("avx2") ? sampleRowAvx2 : sampleRow;
+template <typename Pixel>
+using RowSampler = void (*)(Pixel**, int, int, const CorvanePoint2D*, double*);
+template <typename Pixel>
+RowSampler<Pixel> rowSampler() {
+  static const RowSampler<Pixel> sampler =
+      __builtin_cpu_supports("avx2") ? sampleRowAvx2<Pixel> : sampleRow<Pixel>;
   return sampler;
 }
 
@@ -278,15 +306,15 @@ struct LinearHighOrderModel {
 // into the maths library then no longer break up the interpolation, which
 // keeps its values in registers. The order of the arithmetic of each pixel is
 // unchanged.
-template <typename Model>
-void transformRows(double** input, const double* parameters, int numRows, int numCols, Model model,
+template <typename Pixel, typename Model>
+void transformRows(Pixel** input, const double* parameters, int numRows, int numCols, Model model,
                    double** output, int firstRow, int endRow) {
   // A local copy lets the compiler keep the parameters in registers: it
   // cannot alias the output rows.
   double p[kNumModelParameters];
   std::copy(parameters, parameters + kNumModelParameters, p);
   std::vector<CorvanePoint2D> sources(numCols);
-  const RowSampler sample = rowSampler();
+  const RowSampler<Pixel> sample = rowSampler<Pixel>();
   for (int y = firstRow; y < endRow; ++y) {
     for (int x = 0; x < numCols; ++x) {
       sources[x] = model(p, static_cast<double>(x), static_cast<double>(y));
@@ -304,6 +332,27 @@ bool highOrderTermsVanish(const double* parameters) {
     if (parameters[k] != 0.0) return false;
   }
   return true;
+}
+
+template <typename Pixel>
+void transformRowsByFlags(Pixel** input, const double* parameters, int numRows, int numCols,
+                          int linearFlag, int highOrderFlag, double** output, int firstRow,
+                          int endRow) {
+  if (numRows < 1 || numCols < 1) return;
+  firstRow = std::max(firstRow, 0);
+  endRow = std::min(endRow, numRows);
+  if (firstRow >= endRow) return;
+  // The high-order terms act only on top of the linear model: with a zero
+  // linear flag they are ignored, even when a calibration filled them. This
+  // is intended.
+  if (linearFlag != 0 && highOrderFlag != 0 && !highOrderTermsVanish(parameters)) {
+    transformRows(input, parameters, numRows, numCols, LinearHighOrderModel{}, output, firstRow,
+                  endRow);
+  } else if (linearFlag != 0) {
+    transformRows(input, parameters, numRows, numCols, LinearModel{}, output, firstRow, endRow);
+  } else {
+    transformRows(input, parameters, numRows, numCols, RadialModel{}, output, firstRow, endRow);
+  }
 }
 
 }  // namespace
@@ -339,21 +388,15 @@ void narrowSection(const double* from, float* to, std::size_t count) {
 void imageTransformRows(double** input, double* parameters, int numRows, int numCols,
                         int linearFlag, int highOrderFlag, double** output, int firstRow,
                         int endRow) {
-  if (numRows < 1 || numCols < 1) return;
-  firstRow = std::max(firstRow, 0);
-  endRow = std::min(endRow, numRows);
-  if (firstRow >= endRow) return;
-  // The high-order terms act only on top of the linear model: with a zero
-  // linear flag they are ignored, even when a calibration filled them. This
-  // is intended.
-  if (linearFlag != 0 && highOrderFlag != 0 && !highOrderTermsVanish(parameters)) {
-    transformRows(input, parameters, numRows, numCols, LinearHighOrderModel{}, output, firstRow,
-                  endRow);
-  } else if (linearFlag != 0) {
-    transformRows(input, parameters, numRows, numCols, LinearModel{}, output, firstRow, endRow);
-  } else {
-    transformRows(input, parameters, numRows, numCols, RadialModel{}, output, firstRow, endRow);
-  }
+  transformRowsByFlags(input, parameters, numRows, numCols, linearFlag, highOrderFlag, output,
+                       firstRow, endRow);
+}
+
+void imageTransformRows(float** input, double* parameters, int numRows, int numCols,
+                        int linearFlag, int highOrderFlag, double** output, int firstRow,
+                        int endRow) {
+  transformRowsByFlags(input, parameters, numRows, numCols, linearFlag, highOrderFlag, output,
+                       firstRow, endRow);
 }
 
 void imageTransform(double** input, double* parameters, int numRows, int numCols, int linearFlag,

@@ -128,6 +128,15 @@ TEST(ImageTransformTest, FastLoopMatchesReferenceBitForBitOnAnyThreadCount) {
       Section expected(numRows, numCols, -5.0);
       reference::imageTransform(input.table(), p.data(), numRows, numCols, m.linearFlag,
                                 m.highOrderFlag, expected.table());
+      // The same section held as floats (its values are exact in a float):
+      // sampled as they are, the pixels must not move by a bit.
+      std::vector<float> floats(input.px.begin(), input.px.end());
+      std::vector<float*> floatRows(numRows);
+      for (int r = 0; r < numRows; ++r) floatRows[r] = floats.data() + std::size_t(r) * numCols;
+      Section fromFloats(numRows, numCols, -7.0);
+      imageTransformRows(floatRows.data(), p.data(), numRows, numCols, m.linearFlag,
+                         m.highOrderFlag, fromFloats.table(), 0, numRows);
+      EXPECT_TRUE(sameBits(fromFloats, expected)) << m.name << ", floats";
       for (int threads : {1, 3, 8}) {
         if (threads > 1 && numRows < 40) continue;
         SCOPED_TRACE(testing::Message() << m.name << ", " << numRows << " x " << numCols << ", "
