@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Per-section transform against an established cubic warp, on one thread and
-# on the same float section, in the same run: corvane's widen, resample and
-# narrow of a 1024 x 1024 float section (bench_transform,
+# on the same float section, in the same run: corvane's resample (sampling the
+# floats as they are) and narrow of a 1024 x 1024 float section (bench_transform,
 # BM_FloatSectionTransform, radial and linear model) against OpenCV's
 # warpAffine with cubic interpolation on that section (Debian's
 # python3-opencv, one OpenCV thread). The two alternate for several rounds;
