@@ -288,6 +288,14 @@ void readAndFitChannels(int stream, const CalibrationRun& run,
 #pragma omp parallel if (threads > 1 && jobs.size() > 1)
 #pragma omp single
   {
+    // Every channel pairs with the reference's spots: measured while the
+    // first channels are read. A failure here is left to the first pairing,
+    // which measures again and fails in its turn.
+#pragma omp task if (threads > 1)
+    try {
+      measureReferenceSpots(run.referenceRows, run.stack.numRows, run.stack.numCols);
+    } catch (...) {
+    }
     int inFlight = 0;
     for (const std::unique_ptr<ChannelJob>& owned : jobs) {
       ChannelJob* job = owned.get();

@@ -135,6 +135,10 @@ void findSpotCandidates(double** reference, int numRows, int numCols,
   }
 }
 
+void measureReferenceSpots(double** reference, int numRows, int numCols) {
+  if (numRows > 0 && numCols > 0) measureReference(reference, numRows, numCols);
+}
+
 void findCorrespondencePoint(double** image, double** reference, int numRows, int numCols,
                              std::vector<CorvanePoint2D>& imagePoints,
                              std::vector<CorvanePoint2D>& referencePoints) {

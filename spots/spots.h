@@ -169,6 +169,11 @@ void findCorrespondencePoint(double** image, double** reference, int numRows, in
                              std::vector<CorvanePoint2D>& imagePoints,
                              std::vector<CorvanePoint2D>& referencePoints);
 
+// Measures the candidates of `reference` and its fits there now, and keeps
+// them for the findCorrespondencePoint calls that follow, as that call
+// would: for a caller that can do it while other work goes on.
+void measureReferenceSpots(double** reference, int numRows, int numCols);
+
 // Calls task(k) for every k from 0 to count - 1, spread over the threads the
 // run allows (OMP_NUM_THREADS, all cores by default). The tasks must be
 // independent of each other and keep their results apart, by k. The solver
