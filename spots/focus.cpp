@@ -363,7 +363,7 @@ int findFocusIndex(int stream, int channel, int time, int numZ, int numRows, int
   // order. One region for the whole stack, so no thread waits per section.
   std::mutex library;
   int next = 0;
-  bool readFailed = false;  // no thread reads on after a failed read
+  bool readFailed = false;  // after a failed read no thread reads on
   RegionFailure failure;
 #pragma omp parallel if (!omp_in_parallel() && numZ > 1)
   failure.guard([&] {
@@ -375,9 +375,12 @@ int findFocusIndex(int stream, int channel, int time, int numZ, int numRows, int
         const std::lock_guard<std::mutex> lock(library);
         z = next++;
         if (z >= numZ || readFailed) return;
-        readFailed = true;
-        readFocusSection(stream, z, channel, time, buffer);
-        readFailed = false;
+        try {
+          readFocusSection(stream, z, channel, time, buffer);
+        } catch (...) {
+          readFailed = true;
+          throw;
+        }
       }
       for (int region = 0; region < numRegions; ++region) {
         contrast[z * stride + region] = regionContrast(
