@@ -28,10 +28,8 @@ void imageTransformRows(float** input, double* parameters, int numRows, int numC
                         int linearFlag, int highOrderFlag, double** output, int firstRow,
                         int endRow);
 
-// Widens `count` floats to doubles, and narrows doubles to the nearest floats:
-// the plain conversions of a cast (no clamping, no rounding to an integer),
-// two pixels an instruction.
-void widenSection(const float* from, double* to, std::size_t count);
+// Narrows `count` doubles to the nearest floats: the plain conversion of a
+// cast (no clamping, no rounding to an integer), two pixels an instruction.
 void narrowSection(const double* from, float* to, std::size_t count);
 
 // The Catmull-Rom cubic through `values` at positions -1, 0, 1, 2, evaluated at

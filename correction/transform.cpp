@@ -367,15 +367,6 @@ double bicubicInterpolation(double (*values)[4], double tx, double ty) {
   return cubicInterpolation(across, ty);
 }
 
-void widenSection(const float* from, double* to, std::size_t count) {
-  std::size_t i = 0;
-  for (; i + 2 <= count; i += 2) {
-    const __m128i two = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(from + i));
-    _mm_storeu_pd(to + i, _mm_cvtps_pd(_mm_castsi128_ps(two)));
-  }
-  for (; i < count; ++i) to[i] = from[i];
-}
-
 void narrowSection(const double* from, float* to, std::size_t count) {
   std::size_t i = 0;
   for (; i + 2 <= count; i += 2) {
